@@ -1,0 +1,21 @@
+// mhboost: learns to categorise documents and attribute-described examples
+// by boosting, writes the model it learnt, and classifies with it.
+#include <cstdio>
+
+#include "boost.h"
+#include "weak_learn.h"
+
+int main(int argc, char** argv) {
+  fprintf(stderr, "mhboost: boosting for multi-label text categorisation\n\n");
+  parse_options(argc, argv);
+  data = InitializeWeakLearner(argc, argv);
+  if (!classify_new_test_mode) {
+    boost();
+    if (num_trials > 0) WriteStrongHypothesis(weak_hyp, &num_weak_hyps, ecoc_mode);
+  } else {
+    data->num_train = 0;
+    use_old_hyp();
+  }
+  fflush(stdout);
+  return 0;
+}
