@@ -1,0 +1,34 @@
+// The per-round scan over every candidate expert: scores each one against
+// the current weights and returns the first with the strictly lowest score.
+// The real AdaBoost.MH scan carries the per-label totals through every
+// expert in array order (each expert's sums are subtracted from them,
+// clamped, and added back), so the result is defined by that sequential
+// reading; this module owns how the scan is carried out.
+#ifndef MHBOOST_SCORE_POOL_H_
+#define MHBOOST_SCORE_POOL_H_
+
+#include "loss.h"
+#include "read_data.h"
+#include "sgram_expert.h"
+
+/// Prepares the scan over `experts` (null-term terminated) for `data`.
+/// `num_threads` 0 means every available core.
+void Score_Pool_Init(text_expert_rec* experts, example_data* data,
+                     int num_threads);
+
+/// Real AdaBoost.MH scan. On entry W[0] holds the label totals (zero for
+/// the abstaining scan); on return W[0] holds the totals as the sequential
+/// scan leaves them. Returns the index of the winner (0 if no expert scores
+/// below 1.0).
+int Score_Pool_Search(double* D, weight_table W, int abstaining);
+
+/// After an abstaining scan: W[1] and W[2] as the last scored expert left
+/// them (used when the winner is of a type the abstaining scan skips).
+void Score_Pool_Last_Table(weight_table W, int k);
+
+/// Discrete scan over signed weights `s` with totals `S`; fills result[0..2]
+/// with the winner's votes. Returns the winner's index.
+int Score_Pool_Search_Discrete(double* s, double* S, int abstain,
+                               double* result[3]);
+
+#endif  // MHBOOST_SCORE_POOL_H_

@@ -1,0 +1,337 @@
+// The weak learner: start-up, the per-round search for the expert with the
+// lowest score under the current weights, and the prediction of a chosen
+// expert on an example.
+#include "weak_learn.h"
+
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "die.h"
+#include "loss.h"
+#include "score_pool.h"
+#include "sgram_shyp.h"
+
+namespace {
+
+text_expert_info info;
+const char* file_stem = nullptr;
+int verbose_wh = 0;
+dataset_info* dsi = nullptr;
+example_data* mem_data = nullptr;
+term_expander Text_Expert_Expand = nullptr;
+text_expert_rec* text_experts = nullptr;
+int classification_mode = 0;
+int lasti = 0;
+
+// Indexes the stored model against each example read in classification mode.
+void index_streamed_instance(example_data* d) {
+  Index_New_Test_Instances(d->test_examples, 1, dsi);
+}
+
+double* new_vector(int k) { return static_cast<double*>(Malloc(sizeof(double) * k)); }
+
+// Six zeroed k-vectors W[r][b].
+void alloc_table(weight_table W, int k) {
+  for (int r = 0; r < 3; ++r)
+    for (int b = 0; b < 2; ++b) W[r][b] = new_vector(k);
+}
+
+[[noreturn]] void no_experts() {
+  fprintf(stderr,
+          "mhboost: %s: no candidate rules to choose from (the training data "
+          "yields no terms or attribute values%s)\n",
+          file_stem, info.class_index >= 0 ? " for the class given with -I" : "");
+  Exit_Run(1);
+}
+
+// Turns the winner's weight sums into its prediction vectors (smoothed
+// log-odds per region and label).
+void predictions_from_table(weight_table W, int k, int m, int abstaining) {
+  const double eps = info.smoothing / (static_cast<double>(m) * k);
+  if (!abstaining) {
+    for (int b = 0; b < 2; ++b)
+      for (int l = 0; l < k; ++l) {
+        double w = (W[0][b][l] - W[1][b][l]) - W[2][b][l];
+        W[0][b][l] = w < 0 ? 0.0 : w;
+      }
+    for (int r = 0; r < 3; ++r)
+      for (int l = 0; l < k; ++l)
+        W[r][0][l] = 0.5 * log((W[r][1][l] + eps) / (W[r][0][l] + eps));
+  } else {
+    for (int r = 1; r < 3; ++r)
+      for (int l = 0; l < k; ++l)
+        W[r][1][l] = 0.5 * log((W[r][1][l] + eps) / (W[r][0][l] + eps));
+  }
+}
+
+void print_values(const double* v, int k, const char* format) {
+  for (int l = 0; l < k; ++l) printf(format, v[l]);
+}
+
+// The hypothesis's name line: a discrete key "attr:index" is shown with the
+// value's name.
+void print_name(const char* term) {
+  const char* colon = strchr(term, ':');
+  if (colon != nullptr && dsi != nullptr) {
+    size_t len = static_cast<size_t>(colon - term);
+    for (int a = 0; a < dsi->num_attributes; ++a) {
+      const attribute_info& at = dsi->attributes[a];
+      if (strlen(at.name) != len || strncmp(at.name, term, len) != 0) continue;
+      if (at.num_values > 0) {
+        int v = atoi(colon + 1);
+        if (v >= 0 && v < at.num_values && at.values[v] != nullptr) {
+          printf("\n%s:%s\n", at.name, at.values[v]);
+          return;
+        }
+      }
+      break;
+    }
+  }
+  printf("\n%s\n", term);
+}
+
+}  // namespace
+
+const char* Weak_File_Stem() { return file_stem; }
+term_expander Weak_Expander() { return Text_Expert_Expand; }
+int Weak_Classification_Mode() { return classification_mode; }
+example_data* Weak_Data() { return mem_data; }
+dataset_info* Weak_Dsi() { return dsi; }
+text_expert_info* Get_Text_Expert_Info() { return &info; }
+
+example_data* InitializeWeakLearner(int argc, char** argv) {
+  file_stem = Weak_Parm(argc, argv, &info);
+  verbose_wh = info.verbose;
+  if (file_stem == nullptr) {
+    fprintf(stderr, "mhboost: no file stem given: name the data with -S <stem>\n");
+    Usage(stderr, argv[0]);
+    Exit_Run(1);
+  }
+  mem_data = Read_Data(file_stem, &dsi, info.classify_only, info.dict_mode);
+  switch (info.expert_kind) {
+    case 1:
+      Text_Expert_Expand = Next_Ngram;
+      break;
+    case 2:
+      Text_Expert_Expand = Next_Ngram_Full;
+      break;
+    default:
+      Text_Expert_Expand = Next_Sparse_Ngram;
+      break;
+  }
+  if (!info.classify_only) {
+    text_experts = Create_Ngram_Experts(mem_data, Text_Expert_Expand, dsi, &info);
+    Score_Pool_Init(text_experts, mem_data, info.num_threads);
+  } else {
+    classification_mode = 1;
+    Set_New_Instance_Hook(index_streamed_instance);
+  }
+  return mem_data;
+}
+
+text_expert_rec* GetWeakHypothesis(double* distribution, int loss_mode,
+                                   example_data* d) {
+  switch (static_cast<unsigned>(loss_mode)) {
+    case 0:
+      GetWeakHypothesis_Error();
+    case 1:
+    case 2:
+      return GetWeakHypothesis_PLoss(distribution, d);
+    case 3:
+      return info.abstain ? GetWeakHypothesis_Table_Exp_Loss_Randomized(distribution, d)
+                          : GetWeakHypothesis_Table_Exp_Loss(distribution, d);
+    default:
+      fprintf(stderr, "Uknown loss mode (%d)\n", loss_mode);
+      Exit_Run(1);
+  }
+}
+
+text_expert_rec* GetWeakHypothesis_Table_Exp_Loss(double* D, example_data* d) {
+  if (text_experts == nullptr || text_experts[0].term == nullptr) no_experts();
+  const int k = d->num_classes;
+  const int m = d->num_train;
+  unsigned char** y = d->train_labels;
+  weight_table W;
+  alloc_table(W, k);
+  for (int i = 0; i < m; ++i)
+    for (int l = 0; l < k; ++l) W[0][y[i][l] ? 1 : 0][l] += D[i * k + l];
+
+  int best_index = Score_Pool_Search(D, W, /*abstaining=*/0);
+  text_expert_rec* best = &text_experts[best_index];
+  switch (best->type) {
+    case kTypeFgram:
+      Text_Expert_Table_Exp_Loss(D, best, y, k, W);
+      break;
+    case kTypeThreshold:
+      Text_Expert_Table_Exp_Loss_Threshold_Best(D, best, y, k, W);
+      break;
+    default:
+      Text_Expert_Table_Exp_Loss_Linear(D, best, y, k, W);
+      break;
+  }
+  predictions_from_table(W, k, m, 0);
+  free(W[0][1]);
+  free(W[1][1]);
+  free(W[2][1]);
+  text_expert_rec* h = Copy_Text_Expert(best, k);
+  h->c0 = W[0][0];
+  h->c1 = W[1][0];
+  h->c2 = W[2][0];
+  if (verbose_wh) Print_Weak_Hypothesis(h, 0);
+  return h;
+}
+
+text_expert_rec* GetWeakHypothesis_Table_Exp_Loss_Randomized(double* D, example_data* d) {
+  if (text_experts == nullptr || text_experts[0].term == nullptr) no_experts();
+  const int k = d->num_classes;
+  const int m = d->num_train;
+  unsigned char** y = d->train_labels;
+  weight_table W;
+  alloc_table(W, k);
+  int best_index = Score_Pool_Search(D, W, /*abstaining=*/1);
+  text_expert_rec* best = &text_experts[best_index];
+  switch (best->type) {
+    case kTypeFgram:
+      Text_Expert_Table_Exp_Loss_Randomized(D, best, y, k, W);
+      break;
+    case kTypeThreshold:
+      Text_Expert_Table_Exp_Loss_Threshold_Best_Randomized(D, best, y, k, W);
+      break;
+    default:
+      // Other types are never scored here; the table keeps the sums of the
+      // last expert that was.
+      Score_Pool_Last_Table(W, k);
+      break;
+  }
+  predictions_from_table(W, k, m, 1);
+  double* c0 = new_vector(k);  // abstains where the term does not occur
+  free(W[0][0]);
+  free(W[0][1]);
+  free(W[1][0]);
+  free(W[2][0]);
+  text_expert_rec* h = Copy_Text_Expert(best, k);
+  h->c0 = c0;
+  h->c1 = W[1][1];
+  h->c2 = W[2][1];
+  if (verbose_wh) {
+    printf("\n%s\n", h->term);
+    printf("C1: ");
+    print_values(h->c1, k, "%7.3f ");
+    printf("\n");
+  }
+  return h;
+}
+
+text_expert_rec* GetWeakHypothesis_PLoss(double* D, example_data* d) {
+  if (text_experts == nullptr || text_experts[0].term == nullptr) no_experts();
+  const int k = d->num_classes;
+  const int m = d->num_train;
+  unsigned char** y = d->train_labels;
+  double* S = new_vector(k);
+  for (int i = 0; i < m; ++i)
+    for (int l = 0; l < k; ++l) {
+      if (y[i][l]) D[i * k + l] = -D[i * k + l];
+      S[l] += D[i * k + l];
+    }
+  double* rc[3] = {new_vector(k), new_vector(k), new_vector(k)};
+  int best_index = Score_Pool_Search_Discrete(D, S, info.abstain, rc);
+  for (int i = 0; i < m; ++i)
+    for (int l = 0; l < k; ++l)
+      if (y[i][l]) D[i * k + l] = -D[i * k + l];
+  free(S);
+  text_expert_rec* h = Copy_Text_Expert(&text_experts[best_index], k);
+  h->c0 = rc[0];
+  h->c1 = rc[1];
+  h->c2 = rc[2];
+  if (verbose_wh) Print_Weak_Hypothesis(h, 1);
+  return h;
+}
+
+void Print_Weak_Hypothesis(text_expert_rec* h, int discrete) {
+  const int k = mem_data->num_classes;
+  print_name(h->term);
+  if (discrete) {
+    if (h->type == kTypeThreshold) printf("Threshold: %7.3g\n", h->threshold);
+    printf("C0: ");
+    print_values(h->c0, k, "%1.0f");
+    printf("    C1: ");
+    print_values(h->c1, k, "%1.0f");
+    if (h->type == kTypeThreshold) {
+      printf("    C2: ");
+      print_values(h->c2, k, "%1.0f");
+    }
+    printf("\n");
+    return;
+  }
+  if (h->type == kTypeThreshold) printf("Threshold: %7.3g\n", h->threshold);
+  if (h->type == kTypeLinear) {
+    printf("Alpha: ");
+    print_values(h->linear_a, k, "%7.3f ");
+    printf("\nBeta: ");
+    print_values(h->linear_b, k, "%7.3f ");
+    printf("\n");
+  }
+  printf("C0: ");
+  print_values(h->c0, k, "%7.3f ");
+  if (h->type != kTypeLinear) {
+    printf("\nC1: ");
+    print_values(h->c1, k, "%7.3f ");
+  }
+  if (h->type == kTypeThreshold) {
+    printf("\nC2: ");
+    print_values(h->c2, k, "%7.3f ");
+  }
+  printf("\n");
+}
+
+double* EvalWeakHypothesis(text_expert_rec* h, example* x) {
+  const int index = x->index;
+  if (index < 0) return Sgram_Expert_Prediction(h, x);
+  const int m = mem_data->num_train;
+  const int* list;
+  int n;
+  const double* vals;
+  if (index < m) {
+    list = h->train_index;
+    n = h->num_train;
+    vals = h->values;
+  } else {
+    list = h->test_index;
+    n = h->num_test;
+    vals = h->test_values;
+  }
+  if (n == 0) return h->c0;
+  // Examples are evaluated in increasing order, so the search resumes where
+  // the previous one stopped; it starts again from 0 whenever it is past.
+  if (lasti >= n || lasti < 0 || list[lasti] > index) lasti = 0;
+  while (lasti < n && list[lasti] < index) lasti++;
+  if (lasti >= n || list[lasti] != index) return h->c0;
+  if (vals == nullptr) return h->c1;
+  const double v = vals[lasti];
+  switch (h->type) {
+    case kTypeThreshold:
+      return h->threshold > v ? h->c1 : h->c2;
+    case kTypeLinear: {
+      const int k = mem_data->num_classes;
+      for (int l = 0; l < k; ++l) h->c1[l] = h->linear_a[l] * v + h->linear_b[l];
+      return h->c1;
+    }
+    default:
+      return Sgram_Expert_Prediction(h, x);
+  }
+}
+
+void WriteWeakHypothesis() { fprintf(stderr, "Not implemented yet...\n"); }
+
+void Text_Expert_Error() {
+  fprintf(stderr, "Error mode not implemented for the overlpping labels setting\n");
+  Exit_Run(1);
+}
+
+void GetWeakHypothesis_Error() {
+  fprintf(stderr, "Error mode not implemented for the overlpping labels setting\n");
+  Exit_Run(1);
+}
