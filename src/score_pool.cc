@@ -1,27 +1,305 @@
-// Sequential scan over the candidate experts.
+// The per-round scan over the candidate experts, on several threads, with
+// results identical to a single-threaded scan in array order.
+//
+// Real AdaBoost.MH (not abstaining). Each term expert's per-label sums A
+// (the weight of the examples in which it occurs, by label sign) depend
+// only on its occurrence list, so they are computed in parallel, once per
+// distinct list in a block of experts. The scan's totals T then go through
+// every expert in array order, T := max(T - A, 0) + A: this replay is what
+// makes the totals drift by last bits exactly as the sequential scan does,
+// and it runs in parallel across labels (each label's totals evolve on
+// their own). Scores are computed in parallel from the replayed state.
+//
+// Most experts cannot win: a lower bound of the score (below) lets the scan
+// skip the square roots of any expert whose bound is clearly above the best
+// score found before its block. The winner must score strictly below every
+// earlier expert, so skipping experts that cannot do so changes nothing.
+//
+// For a term expert with sums A under totals T, each label contributes
+// sqrt(U0 U1) + sqrt(A0 A1) with U = max(T - A, 0), and
+//   sqrt(U0 U1) >= sqrt(T0 T1) (1 - A0/T0 - A1/T1),
+// so the score is at least sum_l G_l - sum_l (r0_l A0_l + r1_l A1_l), with
+// G = sqrt(T0 T1), r0 = G / T0, r1 = G / T1 taken at the start of the block.
+// Within a block T moves by a few units in the last place only, far inside
+// the safety margin used below.
+//
+// The abstaining and discrete scans carry no totals from expert to expert:
+// every expert's score depends on its own list, so experts are scored in
+// parallel, once per distinct list, with the scoring functions themselves.
 #include "score_pool.h"
 
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
+
+#include "parallel.h"
 
 namespace {
+
+constexpr int kBlock = 8192;
+// Relative safety margin of the lower bound (rounding and the drift of the
+// totals within one block are many orders of magnitude smaller).
+constexpr double kMargin = 1e-7;
 
 text_expert_rec* experts = nullptr;
 example_data* data_set = nullptr;
 int num_labels = 0;
-// Sums of the last expert scored by the abstaining scan.
-double* last_w[2][2] = {{nullptr, nullptr}, {nullptr, nullptr}};
+int num_experts = 0;
+Fork_Join_Pool* pool = nullptr;
+
+// Label bytes of all training examples, m rows of k, 0 or 1.
+std::vector<uint8_t> label_rows;
+// For each expert, the previous expert with an identical training list
+// (-1 if none, or if the expert is not a term expert).
+std::vector<int> prev_twin;
+
+// Block working storage.
+std::vector<int> slot_of;        // expert in block -> slot
+std::vector<int> slot_expert;    // slot -> representative expert
+std::vector<double> sums;        // slot -> 2k sums [A0 | A1]
+std::vector<double> bound;       // slot -> lower bound of the score
+std::vector<double> state;       // expert in block -> 2k replayed [U0 | U1]
+std::vector<uint8_t> candidate;  // expert in block -> needs an exact score
+std::vector<long double> scores; // expert in block -> exact score
+std::vector<int> copy_of;        // expert in block -> earlier expert with same score, or -1
+std::vector<long> work_prefix;   // slot -> cumulative list length
+
+// Per-thread working tables for scoring functions called from threads.
+struct Thread_Table {
+  double* w[3][2];
+  double* c[3];
+};
+std::vector<Thread_Table> thread_tables;
+
+// Sums of the last expert scored by the abstaining scan (for a winner of a
+// type that scan does not score).
+int last_scored = -1;
+double* last_D = nullptr;
 
 double* zeroed(int k) { return static_cast<double*>(calloc(k > 0 ? k : 1, sizeof(double))); }
 
+uint64_t list_hash(const int* list, int n) {
+  uint64_t h = 1469598103934665603ull ^ static_cast<uint64_t>(n);
+  for (int j = 0; j < n; ++j) {
+    h ^= static_cast<uint32_t>(list[j]);
+    h *= 1099511628211ull;
+  }
+  return h ^ (h >> 29);
+}
+
+bool same_list(const text_expert_rec& a, const text_expert_rec& b) {
+  return a.num_train == b.num_train &&
+         memcmp(a.train_index, b.train_index, sizeof(int) * a.num_train) == 0;
+}
+
+// Links every term expert to the previous expert with the same list.
+void find_twins() {
+  prev_twin.assign(num_experts, -1);
+  size_t cap = 16;
+  while (cap < static_cast<size_t>(num_experts) * 2) cap <<= 1;
+  std::vector<int> table(cap, -1);  // open addressing: latest expert per list
+  for (int e = 0; e < num_experts; ++e) {
+    text_expert_rec& x = experts[e];
+    x.list_id = e;
+    if (x.type != kTypeFgram) continue;
+    size_t pos = list_hash(x.train_index, x.num_train) & (cap - 1);
+    while (table[pos] >= 0 && !same_list(experts[table[pos]], x)) pos = (pos + 1) & (cap - 1);
+    if (table[pos] >= 0) {
+      prev_twin[e] = table[pos];
+      x.list_id = experts[table[pos]].list_id;
+    }
+    table[pos] = e;
+  }
+}
+
+void ensure_block_storage(int k) {
+  const size_t two_k = 2 * static_cast<size_t>(k);
+  slot_of.resize(kBlock);
+  slot_expert.resize(kBlock);
+  sums.resize(kBlock * two_k);
+  bound.resize(kBlock);
+  state.resize(kBlock * two_k);
+  candidate.resize(kBlock);
+  scores.resize(kBlock);
+  copy_of.resize(kBlock);
+  work_prefix.resize(kBlock + 1);
+}
+
+// A0/A1: the expert's weight by label sign, summed in list order exactly as
+// the sequential scoring does (adding +0.0 for the other sign changes no bit).
+void sum_list(const text_expert_rec& x, const double* D, int k, double* a0, double* a1) {
+  for (int l = 0; l < k; ++l) {
+    a0[l] = 0.0;
+    a1[l] = 0.0;
+  }
+  const uint8_t* y = label_rows.data();
+  for (int j = 0; j < x.num_train; ++j) {
+    const size_t i = static_cast<size_t>(x.train_index[j]);
+    const double* row = D + i * k;
+    const uint8_t* yr = y + i * k;
+    for (int l = 0; l < k; ++l) {
+      const double d = row[l];
+      const bool pos = yr[l] != 0;
+      a1[l] += pos ? d : 0.0;
+      a0[l] += pos ? 0.0 : d;
+    }
+  }
+}
+
+// Assigns slots to the term experts of block [b, e); returns the slot count.
+int assign_slots(int b, int e) {
+  int nslots = 0;
+  for (int j = b; j < e; ++j) {
+    const int twin = prev_twin[j];
+    if (twin >= b) {
+      slot_of[j - b] = slot_of[twin - b];
+    } else {
+      slot_of[j - b] = nslots;
+      slot_expert[nslots++] = j;
+    }
+  }
+  work_prefix[0] = 0;
+  for (int s = 0; s < nslots; ++s)
+    work_prefix[s + 1] = work_prefix[s] + experts[slot_expert[s]].num_train + 1;
+  return nslots;
+}
+
+// Runs fn over slots [0, nslots) split so that each thread gets about the
+// same number of occurrences.
+template <typename Fn>
+void for_slots_balanced(int nslots, const Fn& fn) {
+  const int threads = pool->Size();
+  const long total = work_prefix[nslots];
+  pool->Run(threads, [&](int t0, int t1, int) {
+    for (int t = t0; t < t1; ++t) {
+      const long lo = total * t / threads, hi = total * (t + 1) / threads;
+      // First slot whose work starts at or after lo.
+      int s0 = static_cast<int>(std::lower_bound(work_prefix.begin(), work_prefix.begin() + nslots, lo) - work_prefix.begin());
+      int s1 = static_cast<int>(std::lower_bound(work_prefix.begin(), work_prefix.begin() + nslots, hi) - work_prefix.begin());
+      if (t == threads - 1) s1 = nslots;
+      for (int s = s0; s < s1; ++s) fn(s, t);
+    }
+  });
+}
+
+// Scores the term experts [b, e) of the non-abstaining scan against the
+// totals T (W[0]), updating best / best_index in array order.
+void scan_term_block(int b, int e, const double* D, weight_table W, double* best,
+                     int* best_index) {
+  const int k = num_labels;
+  const size_t two_k = 2 * static_cast<size_t>(k);
+  double* t0 = W[0][0];
+  double* t1 = W[0][1];
+
+  // Bound coefficients from the totals at the start of the block.
+  std::vector<double> r0(k), r1(k);
+  double g_total = 0.0;
+  for (int l = 0; l < k; ++l) {
+    const double g = sqrt(t0[l] * t1[l]);
+    g_total += g;
+    r0[l] = t0[l] > 0 ? g / t0[l] : 0.0;
+    r1[l] = t1[l] > 0 ? g / t1[l] : 0.0;
+  }
+  double limit = *best + kMargin * (g_total + *best) + 1e-300;
+  // Totals that are not finite give no usable bound: score every expert.
+  if (!std::isfinite(limit)) limit = HUGE_VAL;
+
+  const int nslots = assign_slots(b, e);
+  for_slots_balanced(nslots, [&](int s, int) {
+    double* a0 = &sums[s * two_k];
+    double* a1 = a0 + k;
+    sum_list(experts[slot_expert[s]], D, k, a0, a1);
+    double lin = 0.0;
+    for (int l = 0; l < k; ++l) lin += r0[l] * a0[l] + r1[l] * a1[l];
+    bound[s] = g_total - lin;
+  });
+  const int n = e - b;
+  for (int j = 0; j < n; ++j)
+    candidate[j] = limit == HUGE_VAL || bound[slot_of[j]] < limit;
+
+  // Replay of the totals, label by label, in array order.
+  pool->Run(k, [&](int l0, int l1, int) {
+    for (int j = 0; j < n; ++j) {
+      const double* a0 = &sums[slot_of[j] * two_k];
+      const double* a1 = a0 + k;
+      double* u0 = &state[j * two_k];
+      double* u1 = u0 + k;
+      const bool keep = candidate[j];
+      for (int l = l0; l < l1; ++l) {
+        double v0 = t0[l] - a0[l];
+        double v1 = t1[l] - a1[l];
+        if (v0 < 0) v0 = 0.0;
+        if (v1 < 0) v1 = 0.0;
+        t0[l] = v0 + a0[l];
+        t1[l] = v1 + a1[l];
+        if (keep) {
+          u0[l] = v0;
+          u1[l] = v1;
+        }
+      }
+    }
+  });
+
+  // Exact scores of the candidates; an expert whose twin just before it saw
+  // the same totals has the same score.
+  pool->Run(n, [&](int j0, int j1, int) {
+    for (int j = j0; j < j1; ++j) {
+      copy_of[j] = -1;
+      if (!candidate[j]) continue;
+      const double* u0 = &state[j * two_k];
+      const int twin = prev_twin[b + j];
+      if (twin >= b && candidate[twin - b] &&
+          memcmp(u0, &state[(twin - b) * two_k], sizeof(double) * two_k) == 0) {
+        copy_of[j] = twin - b;
+        continue;
+      }
+      const double* u1 = u0 + k;
+      const double* a0 = &sums[slot_of[j] * two_k];
+      const double* a1 = a0 + k;
+      long double score = 0;
+      for (int l = 0; l < k; ++l) score += sqrt(u0[l] * u1[l]) + sqrt(a0[l] * a1[l]);
+      scores[j] = score;
+    }
+  });
+
+  for (int j = 0; j < n; ++j) {
+    if (!candidate[j]) continue;
+    if (copy_of[j] >= 0) scores[j] = scores[copy_of[j]];
+    const double s = static_cast<double>(scores[j]);
+    if (s < *best) {
+      *best = s;
+      *best_index = b + j;
+    }
+  }
+}
+
 }  // namespace
 
-void Score_Pool_Init(text_expert_rec* e, example_data* d, int /*num_threads*/) {
+void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   experts = e;
   data_set = d;
   num_labels = d->num_classes;
-  for (auto& r : last_w)
-    for (auto& v : r) v = zeroed(num_labels);
+  num_experts = 0;
+  while (experts[num_experts].term != nullptr) ++num_experts;
+  const int k = num_labels;
+  const int m = d->num_train;
+  label_rows.assign(static_cast<size_t>(m) * k, 0);
+  for (int i = 0; i < m; ++i)
+    for (int l = 0; l < k; ++l) label_rows[static_cast<size_t>(i) * k + l] = d->train_labels[i][l] ? 1 : 0;
+  find_twins();
+  ensure_block_storage(k);
+  delete pool;
+  pool = new Fork_Join_Pool(Resolve_Thread_Count(num_threads));
+  thread_tables.resize(pool->Size());
+  for (auto& t : thread_tables) {
+    for (auto& r : t.w)
+      for (auto& v : r) v = zeroed(k);
+    for (auto& c : t.c) c = zeroed(k);
+  }
 }
 
 int Score_Pool_Search(double* D, weight_table W, int abstaining) {
@@ -29,61 +307,129 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
   unsigned char** y = data_set->train_labels;
   double best = 1.0;
   int best_index = 0;
-  long double score = 0;
-  for (int e = 0; experts[e].term != nullptr; ++e) {
-    text_expert_rec* x = &experts[e];
-    if (!abstaining) {
-      if (x->type == kTypeFgram)
-        score = Text_Expert_Table_Exp_Loss(D, x, y, k, W);
-      else if (x->type == kTypeThreshold)
-        score = Text_Expert_Table_Exp_Loss_Threshold(D, x, y, k, W);
-      else
-        score = Text_Expert_Table_Exp_Loss_Linear(D, x, y, k, W);
-    } else {
-      // Experts of other types are not scored here: the previous score
-      // stands for them.
-      if (x->type == kTypeFgram)
-        score = Text_Expert_Table_Exp_Loss_Randomized(D, x, y, k, W);
-      else if (x->type == kTypeThreshold)
-        score = Text_Expert_Table_Exp_Loss_Threshold_Randomized(D, x, y, k, W);
+
+  if (!abstaining) {
+    int e = 0;
+    while (e < num_experts) {
+      text_expert_rec* x = &experts[e];
+      if (x->type != kTypeFgram) {
+        // Thresholds and linear experts sweep the shared totals themselves.
+        long double score = x->type == kTypeThreshold
+                                ? Text_Expert_Table_Exp_Loss_Threshold(D, x, y, k, W)
+                                : Text_Expert_Table_Exp_Loss_Linear(D, x, y, k, W);
+        const double s = static_cast<double>(score);
+        if (s < best) {
+          best = s;
+          best_index = e;
+        }
+        ++e;
+        continue;
+      }
+      int end = e;
+      while (end < num_experts && end - e < kBlock && experts[end].type == kTypeFgram) ++end;
+      scan_term_block(e, end, D, W, &best, &best_index);
+      e = end;
     }
-    const double s = static_cast<double>(score);
-    if (s < best) {
-      best = s;
-      best_index = e;
+    return best_index;
+  }
+
+  // Abstaining scan: experts of types it does not score take the score of
+  // the expert before them (0 before the first).
+  last_scored = -1;
+  last_D = D;
+  long double previous = 0;
+  for (int b = 0; b < num_experts; b += kBlock) {
+    const int e = b + kBlock < num_experts ? b + kBlock : num_experts;
+    const int n = e - b;
+    for (int j = 0; j < n; ++j) copy_of[j] = prev_twin[b + j] >= b ? prev_twin[b + j] - b : -1;
+    pool->Run(n, [&](int j0, int j1, int t) {
+      Thread_Table& tt = thread_tables[t];
+      for (int j = j0; j < j1; ++j) {
+        text_expert_rec* x = &experts[b + j];
+        if (x->type == kTypeFgram) {
+          if (copy_of[j] < 0) scores[j] = Text_Expert_Table_Exp_Loss_Randomized(D, x, y, k, tt.w);
+        } else if (x->type == kTypeThreshold) {
+          scores[j] = Text_Expert_Table_Exp_Loss_Threshold_Randomized(D, x, y, k, tt.w);
+        }
+      }
+    });
+    for (int j = 0; j < n; ++j) {
+      const text_expert_rec* x = &experts[b + j];
+      if (x->type == kTypeFgram || x->type == kTypeThreshold) {
+        if (x->type == kTypeFgram && copy_of[j] >= 0) scores[j] = scores[copy_of[j]];
+        previous = scores[j];
+        last_scored = b + j;
+      }
+      const double s = static_cast<double>(previous);
+      if (s < best) {
+        best = s;
+        best_index = b + j;
+      }
     }
   }
-  if (abstaining)
-    for (int r = 0; r < 2; ++r)
-      for (int b = 0; b < 2; ++b) memcpy(last_w[r][b], W[r + 1][b], sizeof(double) * k);
   return best_index;
 }
 
 void Score_Pool_Last_Table(weight_table W, int k) {
-  for (int r = 0; r < 2; ++r)
-    for (int b = 0; b < 2; ++b) memcpy(W[r + 1][b], last_w[r][b], sizeof(double) * k);
+  for (int r = 1; r < 3; ++r)
+    for (int b = 0; b < 2; ++b)
+      for (int l = 0; l < k; ++l) W[r][b][l] = 0.0;
+  if (last_scored < 0) return;
+  // Scoring is deterministic: scoring the last scored expert again leaves
+  // the table exactly as the scan left it.
+  text_expert_rec* x = &experts[last_scored];
+  unsigned char** y = data_set->train_labels;
+  if (x->type == kTypeThreshold)
+    Text_Expert_Table_Exp_Loss_Threshold_Randomized(last_D, x, y, k, W);
+  else
+    Text_Expert_Table_Exp_Loss_Randomized(last_D, x, y, k, W);
 }
 
 int Score_Pool_Search_Discrete(double* s, double* S, int abstain, double* result[3]) {
   const int k = num_labels;
-  double* c[3] = {zeroed(k), zeroed(k), zeroed(k)};
   double best = 1.0;
   int best_index = 0;
-  for (int e = 0; experts[e].term != nullptr; ++e) {
-    text_expert_rec* x = &experts[e];
-    double score;
-    if (x->type == kTypeThreshold)
-      score = abstain ? Text_Expert_PLoss_Threshold_Randomized(s, x, k, S, c[0], c[1], c[2])
-                      : Text_Expert_PLoss_Threshold(s, x, k, S, c[0], c[1], c[2]);
-    else
-      score = abstain ? Text_Expert_PLoss_Randomized(s, x, k, S, c[0], c[1])
-                      : Text_Expert_PLoss(s, x, k, S, c[0], c[1]);
-    if (score < best) {
-      best = score;
-      best_index = e;
-      for (int r = 0; r < 3; ++r) memcpy(result[r], c[r], sizeof(double) * k);
+  for (int b = 0; b < num_experts; b += kBlock) {
+    const int e = b + kBlock < num_experts ? b + kBlock : num_experts;
+    const int n = e - b;
+    for (int j = 0; j < n; ++j) copy_of[j] = prev_twin[b + j] >= b ? prev_twin[b + j] - b : -1;
+    pool->Run(n, [&](int j0, int j1, int t) {
+      Thread_Table& tt = thread_tables[t];
+      for (int j = j0; j < j1; ++j) {
+        text_expert_rec* x = &experts[b + j];
+        if (x->type == kTypeThreshold) {
+          scores[j] = abstain ? Text_Expert_PLoss_Threshold_Randomized(s, x, k, S, tt.c[0], tt.c[1], tt.c[2])
+                              : Text_Expert_PLoss_Threshold(s, x, k, S, tt.c[0], tt.c[1], tt.c[2]);
+        } else if (copy_of[j] < 0) {
+          scores[j] = abstain ? Text_Expert_PLoss_Randomized(s, x, k, S, tt.c[0], tt.c[1])
+                              : Text_Expert_PLoss(s, x, k, S, tt.c[0], tt.c[1]);
+        }
+      }
+    });
+    for (int j = 0; j < n; ++j) {
+      if (experts[b + j].type != kTypeThreshold && copy_of[j] >= 0) scores[j] = scores[copy_of[j]];
+      const double sc = static_cast<double>(scores[j]);
+      if (sc < best) {
+        best = sc;
+        best_index = b + j;
+      }
     }
   }
-  for (double* v : c) free(v);
+  // The winner's votes, as its scoring left them.
+  for (int r = 0; r < 3; ++r)
+    for (int l = 0; l < k; ++l) result[r][l] = 0.0;
+  if (best < 1.0) {
+    text_expert_rec* x = &experts[best_index];
+    if (x->type == kTypeThreshold) {
+      if (abstain)
+        Text_Expert_PLoss_Threshold_Randomized(s, x, k, S, result[0], result[1], result[2]);
+      else
+        Text_Expert_PLoss_Threshold(s, x, k, S, result[0], result[1], result[2]);
+    } else if (abstain) {
+      Text_Expert_PLoss_Randomized(s, x, k, S, result[0], result[1]);
+    } else {
+      Text_Expert_PLoss(s, x, k, S, result[0], result[1]);
+    }
+  }
   return best_index;
 }
