@@ -1,0 +1,209 @@
+// The multi-threaded scan must choose exactly what a plain sequential scan in
+// array order chooses, and leave the totals in exactly the same state, for
+// every thread count. The sequential scan here is the oracle: one call of the
+// scoring function per expert, in order, on one shared table.
+#include "score_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+namespace {
+
+struct Synthetic {
+  int m = 0, k = 0;
+  std::vector<std::vector<unsigned char>> label_store;
+  std::vector<unsigned char*> labels;
+  std::vector<text_expert_rec> experts;
+  std::vector<std::vector<int>> lists;
+  std::vector<std::vector<double>> values;
+  std::vector<std::vector<int>> sorted_index;
+  std::vector<std::string> terms;
+  example_data data{};
+  std::vector<double> D;
+};
+
+// Many experts share lists (twins, adjacent and not), some occur nowhere,
+// a few are thresholds with tied values; weights span many magnitudes so
+// that the totals drift by last bits from expert to expert.
+void build(Synthetic* s, unsigned seed, int m, int k, int n_experts) {
+  std::mt19937 rng(seed);
+  s->m = m;
+  s->k = k;
+  s->label_store.assign(m, std::vector<unsigned char>(k, 0));
+  for (int i = 0; i < m; ++i) {
+    s->label_store[i][rng() % k] = 1;
+    if (rng() % 4 == 0) s->label_store[i][rng() % k] = 1;
+  }
+  for (auto& v : s->label_store) s->labels.push_back(v.data());
+  s->D.resize(static_cast<size_t>(m) * k);
+  double total = 0;
+  for (auto& d : s->D) {
+    d = std::ldexp(1.0 + (rng() % 1000) / 997.0, -static_cast<int>(rng() % 30));
+    total += d;
+  }
+  for (auto& d : s->D) d /= total;
+
+  s->lists.resize(n_experts);
+  s->values.resize(n_experts);
+  s->sorted_index.resize(n_experts);
+  s->terms.resize(n_experts);
+  s->experts.assign(n_experts + 1, text_expert_rec{});
+  for (int e = 0; e < n_experts; ++e) {
+    text_expert_rec& x = s->experts[e];
+    s->terms[e] = "t" + std::to_string(e);
+    x.term = s->terms[e].data();
+    const unsigned kind = rng() % 20;
+    if (kind == 0) {  // threshold over a few repeated values
+      x.type = kTypeThreshold;
+      std::vector<std::pair<double, int>> pairs;
+      for (int i = 0; i < m; ++i)
+        if (rng() % 3) pairs.push_back({static_cast<double>(rng() % 7), i});
+      std::sort(pairs.begin(), pairs.end());
+      for (auto& p : pairs) {
+        s->values[e].push_back(p.first);
+        s->sorted_index[e].push_back(p.second);
+      }
+      x.num_train = static_cast<int>(pairs.size());
+      x.sorted_values = s->values[e].data();
+      x.sorted_index = s->sorted_index[e].data();
+      x.values = s->values[e].data();
+      x.train_index = s->sorted_index[e].data();
+    } else {
+      x.type = kTypeFgram;
+      if (e > 0 && kind < 8) {
+        int twin = e - 1 - static_cast<int>(rng() % std::min(e, 5));
+        if (s->experts[twin].type == kTypeFgram) s->lists[e] = s->lists[twin];
+      }
+      if (s->lists[e].empty() && kind != 19) {
+        const int len = 1 + static_cast<int>(rng() % (kind < 12 ? 3 : m / 2));
+        for (int i = 0; i < m; ++i)
+          if (static_cast<int>(rng() % m) < len) s->lists[e].push_back(i);
+      }
+      x.num_train = static_cast<int>(s->lists[e].size());
+      x.train_index = s->lists[e].data();
+    }
+  }
+  s->data.num_classes = k;
+  s->data.num_train = m;
+  s->data.train_labels = s->labels.data();
+}
+
+struct Table {
+  weight_table W;
+  explicit Table(int k) {
+    for (auto& r : W)
+      for (auto& v : r) v = new double[k]();
+  }
+  ~Table() {
+    for (auto& r : W)
+      for (auto& v : r) delete[] v;
+  }
+};
+
+void fill_totals(const Synthetic& s, weight_table W) {
+  for (int b = 0; b < 2; ++b)
+    for (int l = 0; l < s.k; ++l) W[0][b][l] = 0.0;
+  for (int i = 0; i < s.m; ++i)
+    for (int l = 0; l < s.k; ++l) W[0][s.labels[i][l] ? 1 : 0][l] += s.D[i * s.k + l];
+}
+
+int sequential_scan(Synthetic* s, weight_table W, int abstaining) {
+  double best = 1.0;
+  int best_index = 0;
+  long double score = 0;
+  for (int e = 0; s->experts[e].term != nullptr; ++e) {
+    text_expert_rec* x = &s->experts[e];
+    if (!abstaining)
+      score = x->type == kTypeThreshold
+                  ? Text_Expert_Table_Exp_Loss_Threshold(s->D.data(), x, s->labels.data(), s->k, W)
+                  : Text_Expert_Table_Exp_Loss(s->D.data(), x, s->labels.data(), s->k, W);
+    else
+      score = x->type == kTypeThreshold
+                  ? Text_Expert_Table_Exp_Loss_Threshold_Randomized(s->D.data(), x, s->labels.data(), s->k, W)
+                  : Text_Expert_Table_Exp_Loss_Randomized(s->D.data(), x, s->labels.data(), s->k, W);
+    if (static_cast<double>(score) < best) {
+      best = static_cast<double>(score);
+      best_index = e;
+    }
+  }
+  return best_index;
+}
+
+TEST(ScorePool, RealScanMatchesSequentialForEveryThreadCount) {
+  for (unsigned seed : {1u, 2u, 3u}) {
+    Synthetic s;
+    build(&s, seed, 200, 7, 12000);  // more experts than one block
+    Table ref(s.k);
+    fill_totals(s, ref.W);
+    const int expected = sequential_scan(&s, ref.W, 0);
+    for (int threads : {1, 2, 7}) {
+      Score_Pool_Init(s.experts.data(), &s.data, threads);
+      Table got(s.k);
+      fill_totals(s, got.W);
+      EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << "threads " << threads;
+      for (int b = 0; b < 2; ++b)
+        EXPECT_EQ(0, memcmp(ref.W[0][b], got.W[0][b], sizeof(double) * s.k))
+            << "totals differ, threads " << threads << " seed " << seed;
+    }
+  }
+}
+
+TEST(ScorePool, TwinsShareTheirListId) {
+  Synthetic s;
+  build(&s, 9, 50, 3, 500);
+  Score_Pool_Init(s.experts.data(), &s.data, 1);
+  for (int e = 0; e < 500; ++e) {
+    const text_expert_rec& x = s.experts[e];
+    const text_expert_rec& first = s.experts[x.list_id];
+    ASSERT_LE(x.list_id, e);
+    if (x.type != kTypeFgram) continue;
+    ASSERT_EQ(x.num_train, first.num_train);
+    EXPECT_TRUE(std::equal(x.train_index, x.train_index + x.num_train, first.train_index));
+  }
+}
+
+TEST(ScorePool, AbstainingScanMatchesSequential) {
+  Synthetic s;
+  build(&s, 5, 200, 5, 9000);
+  Table ref(s.k);
+  const int expected = sequential_scan(&s, ref.W, 1);
+  for (int threads : {1, 3}) {
+    Score_Pool_Init(s.experts.data(), &s.data, threads);
+    Table got(s.k);
+    EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 1));
+  }
+}
+
+TEST(ScorePool, DistantTwinsAndEmptyLists) {
+  Synthetic s;
+  build(&s, 11, 40, 2, 10);
+  // Two identical lists far apart, and experts that occur nowhere.
+  for (int e = 0; e < 10; ++e) {
+    s.experts[e].type = kTypeFgram;
+    s.lists[e].clear();
+    s.experts[e].num_train = 0;
+    s.experts[e].train_index = s.lists[e].data();
+  }
+  for (int i = 0; i < 40; i += 2) {
+    s.lists[3].push_back(i);
+    s.lists[8].push_back(i);
+  }
+  for (int e : {3, 8}) {
+    s.experts[e].num_train = static_cast<int>(s.lists[e].size());
+    s.experts[e].train_index = s.lists[e].data();
+  }
+  Table ref(s.k);
+  fill_totals(s, ref.W);
+  const int expected = sequential_scan(&s, ref.W, 0);
+  Score_Pool_Init(s.experts.data(), &s.data, 2);
+  Table got(s.k);
+  fill_totals(s, got.W);
+  EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0));
+}
+
+}  // namespace
