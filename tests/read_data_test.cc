@@ -253,23 +253,6 @@ TEST_F(NamesFile, UnusableFilesAreNamed) {
                        "values\n"));
 }
 
-TEST_F(NamesFile, PrintNamesDump) {
-  dataset_info* d = Get_Names(
-      Write("p.names", "x, y.\nlen: continuous.\nc: r, g.\nd: discrete 2.\nt: text.\n")
-          .c_str());
-  std::string out = Path("dump.txt");
-  Print_Names(d, out.c_str());
-  FILE* f = fopen(out.c_str(), "r");
-  char text[512] = {};
-  fread(text, 1, sizeof text - 1, f);
-  fclose(f);
-  EXPECT_STREQ(text,
-               "2 classes\n class 0 = x\n class 1 = y\n\n4 attributes\n"
-               "  attribute 0 (len) is continuous\n"
-               "  attribute 1 (c) has 2 values\n    r     g \n"
-               "  attribute 2 (d) has 2 values\n NULL  NULL \n");
-}
-
 // ------------------------------------------------------------ data files
 
 using DataFile = TempDir;
@@ -472,17 +455,6 @@ TEST_F(DataFile, PrintersUseKeptNames) {
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "po sp sc \nlen: 2.5000000\nt: a b \nc: g\nid: "
             "\nlen: ?\nt: c \nc: r\nid: ");
-
-  std::string out = Path("examples.txt");
-  Print_Examples(d, out.c_str(), data->train_examples, 1);
-  FILE* f = fopen(out.c_str(), "r");
-  char text[512] = {};
-  fread(text, 1, sizeof text - 1, f);
-  fclose(f);
-  EXPECT_STREQ(text,
-               "\n1 examples read\n\nexample 0 (class sp(0) sc(2)):\n"
-               "  attr len(0) = 2.500000\n  attr t(1) = a b \n  attr c(2) = g(1)\n"
-               "  attr id(3) = (ignored)\n\n");
 }
 
 }  // namespace
