@@ -252,7 +252,8 @@ void squeeze_spaces(char* s) {
       *q++ = *p++;
     }
   }
-  if (q != s && q[-1] != ' ') *q++ = ' ';
+  // Every text ends in one blank; an empty value becomes a single blank.
+  if (q == s || q[-1] != ' ') *q++ = ' ';
   *q = '\0';
 }
 

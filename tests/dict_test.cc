@@ -107,7 +107,7 @@ TEST_F(Dictionary, HandBuiltAndEmptyLists) {
 TEST_F(Dictionary, TextValuesAreFilteredWhileRead) {
   EXPECT_EQ(FilteredTitle("the", "the cat sat", 2), "cat sat ");
   EXPECT_EQ(FilteredTitle("cat", "the cat sat", 1), "cat ");
-  EXPECT_EQ(FilteredTitle("", "the cat sat", 1), "");
+  EXPECT_EQ(FilteredTitle("", "the cat sat", 1), " ");
   EXPECT_EQ(FilteredTitle("", "the cat sat", 2), "the cat sat ");
   EXPECT_EQ(FilteredTitle("cat", "the Cat\tcat  cat", 1), "cat ");
   // Without a dictionary mode the .dict file is not consulted.

@@ -151,8 +151,8 @@ TEST(SqueezeSpaces, SingleSpacesAndOneTrailingBlank) {
   EXPECT_EQ(squeeze("  a\t\tb\n"), "a b ");
   EXPECT_EQ(squeeze("a b "), "a b ");
   EXPECT_EQ(squeeze("word"), "word ");
-  EXPECT_EQ(squeeze(" \n\t "), "");
-  EXPECT_EQ(squeeze(""), "");
+  EXPECT_EQ(squeeze(" \n\t "), " ");
+  EXPECT_EQ(squeeze(""), " ");
 }
 
 // ------------------------------------------------------------ names file
