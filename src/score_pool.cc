@@ -36,6 +36,8 @@
 #include <cstring>
 #include <vector>
 
+#include <immintrin.h>
+
 #include "parallel.h"
 
 namespace {
@@ -53,6 +55,12 @@ Fork_Join_Pool* pool = nullptr;
 
 // Label bytes of all training examples, m rows of k, 0 or 1.
 std::vector<uint8_t> label_rows;
+// The labels each example carries: positive_label[positive_start[i] ..
+// positive_start[i + 1]).
+std::vector<int> positive_start;
+std::vector<int> positive_label;
+// Per round: the weights of the labels an example does not carry.
+std::vector<double> negative_rows;
 // For each expert, the previous expert with an identical training list
 // (-1 if none, or if the expert is not a term expert).
 std::vector<int> prev_twin;
@@ -129,25 +137,121 @@ void ensure_block_storage(int k) {
   work_prefix.resize(kBlock + 1);
 }
 
+// Adds the rows of `list` into acc, lane by lane in list order. Lanes are
+// independent, so the vector versions add the same numbers in the same
+// order as the plain loop and give the same bits. Each pass keeps up to 32
+// lanes in registers while it walks the list.
+void add_rows_plain(double* __restrict acc, const double* __restrict rows,
+                    const int* __restrict list, int n, int k) {
+  for (int j = 0; j < n; ++j) {
+    const double* __restrict row = rows + static_cast<size_t>(list[j]) * k;
+    for (int l = 0; l < k; ++l) acc[l] += row[l];
+  }
+}
+
+__attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict acc,
+                                                       const double* __restrict rows,
+                                                       const int* __restrict list, int n,
+                                                       int k) {
+  for (int c = 0; c < k; c += 32) {
+    __mmask8 mask[4];
+    for (int v = 0; v < 4; ++v) {
+      const int left = k - (c + 8 * v);
+      mask[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
+    }
+    __m512d a0 = _mm512_maskz_loadu_pd(mask[0], acc + c);
+    __m512d a1 = _mm512_maskz_loadu_pd(mask[1], acc + c + 8);
+    __m512d a2 = _mm512_maskz_loadu_pd(mask[2], acc + c + 16);
+    __m512d a3 = _mm512_maskz_loadu_pd(mask[3], acc + c + 24);
+    for (int j = 0; j < n; ++j) {
+      const double* row = rows + static_cast<size_t>(list[j]) * k + c;
+      a0 = _mm512_add_pd(a0, _mm512_maskz_loadu_pd(mask[0], row));
+      a1 = _mm512_add_pd(a1, _mm512_maskz_loadu_pd(mask[1], row + 8));
+      a2 = _mm512_add_pd(a2, _mm512_maskz_loadu_pd(mask[2], row + 16));
+      a3 = _mm512_add_pd(a3, _mm512_maskz_loadu_pd(mask[3], row + 24));
+    }
+    _mm512_mask_storeu_pd(acc + c, mask[0], a0);
+    _mm512_mask_storeu_pd(acc + c + 8, mask[1], a1);
+    _mm512_mask_storeu_pd(acc + c + 16, mask[2], a2);
+    _mm512_mask_storeu_pd(acc + c + 24, mask[3], a3);
+  }
+}
+
+__attribute__((target("avx2"))) void add_rows_avx2(double* __restrict acc,
+                                                   const double* __restrict rows,
+                                                   const int* __restrict list, int n, int k) {
+  for (int c = 0; c < k; c += 16) {
+    __m256i mask[4];
+    for (int v = 0; v < 4; ++v) {
+      const int left = k - (c + 4 * v);
+      mask[v] = _mm256_set_epi64x(left > 3 ? -1 : 0, left > 2 ? -1 : 0, left > 1 ? -1 : 0,
+                                  left > 0 ? -1 : 0);
+    }
+    __m256d a0 = _mm256_maskload_pd(acc + c, mask[0]);
+    __m256d a1 = _mm256_maskload_pd(acc + c + 4, mask[1]);
+    __m256d a2 = _mm256_maskload_pd(acc + c + 8, mask[2]);
+    __m256d a3 = _mm256_maskload_pd(acc + c + 12, mask[3]);
+    for (int j = 0; j < n; ++j) {
+      const double* row = rows + static_cast<size_t>(list[j]) * k + c;
+      a0 = _mm256_add_pd(a0, _mm256_maskload_pd(row, mask[0]));
+      a1 = _mm256_add_pd(a1, _mm256_maskload_pd(row + 4, mask[1]));
+      a2 = _mm256_add_pd(a2, _mm256_maskload_pd(row + 8, mask[2]));
+      a3 = _mm256_add_pd(a3, _mm256_maskload_pd(row + 12, mask[3]));
+    }
+    _mm256_maskstore_pd(acc + c, mask[0], a0);
+    _mm256_maskstore_pd(acc + c + 4, mask[1], a1);
+    _mm256_maskstore_pd(acc + c + 8, mask[2], a2);
+    _mm256_maskstore_pd(acc + c + 12, mask[3], a3);
+  }
+}
+
+using add_rows_fn = void (*)(double* __restrict, const double* __restrict,
+                             const int* __restrict, int, int);
+add_rows_fn add_rows = add_rows_plain;
+
+int forced_kernel = -1;
+
+void choose_kernels() {
+  __builtin_cpu_init();
+  const bool has512 = __builtin_cpu_supports("avx512f");
+  const bool has2 = __builtin_cpu_supports("avx2");
+  if (forced_kernel == 0 || (forced_kernel == 1 && has2)) {
+    add_rows = forced_kernel == 0 ? add_rows_plain : add_rows_avx2;
+    return;
+  }
+  if (has512)
+    add_rows = add_rows_avx512;
+  else if (has2)
+    add_rows = add_rows_avx2;
+  else
+    add_rows = add_rows_plain;
+}
+
 // A0/A1: the expert's weight by label sign, summed in list order exactly as
-// the sequential scoring does (adding +0.0 for the other sign changes no bit).
+// the sequential scoring does. A0 adds the rows of negative_rows (the
+// weights with every carried label's entry set to +0.0, which changes no
+// bit of a sum); A1 adds only the few carried labels of each example.
 void sum_list(const text_expert_rec& x, const double* D, int k, double* a0, double* a1) {
   for (int l = 0; l < k; ++l) {
     a0[l] = 0.0;
     a1[l] = 0.0;
   }
-  const uint8_t* y = label_rows.data();
+  add_rows(a0, negative_rows.data(), x.train_index, x.num_train, k);
+  const int* start = positive_start.data();
+  const int* label = positive_label.data();
   for (int j = 0; j < x.num_train; ++j) {
-    const size_t i = static_cast<size_t>(x.train_index[j]);
-    const double* row = D + i * k;
-    const uint8_t* yr = y + i * k;
-    for (int l = 0; l < k; ++l) {
-      const double d = row[l];
-      const bool pos = yr[l] != 0;
-      a1[l] += pos ? d : 0.0;
-      a0[l] += pos ? 0.0 : d;
-    }
+    const int i = x.train_index[j];
+    const double* row = D + static_cast<size_t>(i) * k;
+    for (int p = start[i]; p < start[i + 1]; ++p) a1[label[p]] += row[label[p]];
   }
+}
+
+// The weights with the carried labels zeroed, for the current round.
+void fill_negative_rows(const double* D) {
+  const size_t mk = static_cast<size_t>(data_set->num_train) * num_labels;
+  negative_rows.resize(mk);
+  const uint8_t* y = label_rows.data();
+  for (size_t j = 0; j < mk; ++j) negative_rows[j] = y[j] ? 0.0 : D[j];
 }
 
 // Assigns slots to the term experts of block [b, e); returns the slot count.
@@ -279,6 +383,11 @@ void scan_term_block(int b, int e, const double* D, weight_table W, double* best
 
 }  // namespace
 
+void Score_Pool_Use_Kernel(int level) {
+  forced_kernel = level;
+  choose_kernels();
+}
+
 void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   experts = e;
   data_set = d;
@@ -290,8 +399,16 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   label_rows.assign(static_cast<size_t>(m) * k, 0);
   for (int i = 0; i < m; ++i)
     for (int l = 0; l < k; ++l) label_rows[static_cast<size_t>(i) * k + l] = d->train_labels[i][l] ? 1 : 0;
+  positive_start.assign(m + 1, 0);
+  positive_label.clear();
+  for (int i = 0; i < m; ++i) {
+    for (int l = 0; l < k; ++l)
+      if (d->train_labels[i][l]) positive_label.push_back(l);
+    positive_start[i + 1] = static_cast<int>(positive_label.size());
+  }
   find_twins();
   ensure_block_storage(k);
+  choose_kernels();
   delete pool;
   pool = new Fork_Join_Pool(Resolve_Thread_Count(num_threads));
   thread_tables.resize(pool->Size());
@@ -309,6 +426,7 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
   int best_index = 0;
 
   if (!abstaining) {
+    fill_negative_rows(D);
     int e = 0;
     while (e < num_experts) {
       text_expert_rec* x = &experts[e];

@@ -143,6 +143,8 @@ TEST(ScorePool, RealScanMatchesSequentialForEveryThreadCount) {
     const int expected = sequential_scan(&s, ref.W, 0);
     for (int threads : {1, 2, 7}) {
       Score_Pool_Init(s.experts.data(), &s.data, threads);
+      // Each thread count with another summing kernel.
+      Score_Pool_Use_Kernel(threads == 1 ? 0 : threads == 2 ? 1 : -1);
       Table got(s.k);
       fill_totals(s, got.W);
       EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << "threads " << threads;
@@ -150,6 +152,7 @@ TEST(ScorePool, RealScanMatchesSequentialForEveryThreadCount) {
         EXPECT_EQ(0, memcmp(ref.W[0][b], got.W[0][b], sizeof(double) * s.k))
             << "totals differ, threads " << threads << " seed " << seed;
     }
+    Score_Pool_Use_Kernel(-1);
   }
 }
 
