@@ -103,6 +103,7 @@ dataset_info* Weak_Dsi() { return dsi; }
 text_expert_info* Get_Text_Expert_Info() { return &info; }
 
 example_data* InitializeWeakLearner(int argc, char** argv) {
+  classification_mode = 0;
   file_stem = Weak_Parm(argc, argv, &info);
   verbose_wh = info.verbose;
   if (file_stem == nullptr) {
