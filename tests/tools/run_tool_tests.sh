@@ -13,6 +13,7 @@ if [ $# -ge 1 ]; then
   export MHBOOST_BIN
 fi
 cd "$here" || exit 1
+export PYTHONDONTWRITEBYTECODE=1
 exec python3 - <<'EOF'
 import sys
 import unittest
