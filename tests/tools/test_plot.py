@@ -21,8 +21,8 @@ def recorded(name):
 
 def polyline_points(root, name):
     lines = [p for p in root.iter(SVG + "polyline") if p.get("class") == name]
-    return [[tuple(map(float, xy.split(","))) for xy in p.get("points").split()]
-            for p in lines]
+    return [[tuple(map(float, xy.split(",")))
+             for xy in p.get("points").split()] for p in lines]
 
 
 class ParseTest(unittest.TestCase):
