@@ -1,0 +1,153 @@
+// Scoring of experts for discrete boosting (discrete AdaBoost.MH and
+// AdaBoost.MR). Each region of an expert votes 1, 0 or 0.5 per label, and the
+// expert is scored by the signed weight of the regions that vote 1.
+//
+// The caller hands in signed weights: s(i,l) is D(i,l) when example i lacks
+// label l and -D(i,l) when it carries it, and S[l] is their total over all
+// training examples. A negative region sum therefore means the examples that
+// carry the label outweigh the others in that region.
+#include <cstddef>
+
+#include "loss.h"
+
+namespace {
+
+// Contribution of a voting region to the score: only regions voting 1
+// (negative sum) count. A NaN sum counts as nothing, like a vote of 0.5.
+inline double Negative_Part(double r) { return r < 0 ? r : 0.0; }
+
+inline const double* Row(const double* s, int i, int k) {
+  return s + static_cast<std::size_t>(i) * static_cast<std::size_t>(k);
+}
+
+// r1[l] = sum of s(i,l) over the expert's occurrence list, in list order.
+void Occurrence_Sums(const double* s, const text_expert_rec* e, int k,
+                     double* r1) {
+  for (int l = 0; l < k; l++) r1[l] = 0.0;
+  for (int j = 0; j < e->num_train; j++) {
+    const double* row = Row(s, e->train_index[j], k);
+    for (int l = 0; l < k; l++) r1[l] += row[l];
+  }
+}
+
+// Shared sweep of the two threshold members. Region sums live in the output
+// vectors (c1 below the split, c2 at or above it, c0 unknown values) until
+// they are turned into votes at the end; `abstain` selects the scoring of
+// region 0 and its fixed vote of 0.5.
+double Threshold_Sweep(const double* s, text_expert_rec* e, int k,
+                       const double* S, double* c0, double* c1, double* c2,
+                       bool abstain) {
+  const int n = e->num_train;
+  const int* index = e->sorted_index;
+  const double* v = e->sorted_values;
+  double* r0 = c0;
+  double* r1 = c1;
+  double* r2 = c2;
+
+  for (int l = 0; l < k; l++) {
+    r1[l] = 0.0;
+    r2[l] = 0.0;
+  }
+  for (int j = 0; j < n; j++) {
+    const double* row = Row(s, index[j], k);
+    for (int l = 0; l < k; l++) r2[l] += row[l];
+  }
+  for (int l = 0; l < k; l++) r0[l] = S[l] - r2[l];
+
+  double best_score = 1.7976931348623157e+308;
+  int best_pos = -1;
+  for (int p = -1; p < n; p++) {
+    if (p >= 0) {
+      const double* row = Row(s, index[p], k);
+      for (int l = 0; l < k; l++) {
+        r1[l] += row[l];
+        r2[l] -= row[l];
+      }
+    }
+    // No threshold between equal values; the last position always counts.
+    // Testing p == n - 1 first keeps v[p + 1] inside the array.
+    if (!(p == -1 || p == n - 1 || v[p + 1] != v[p])) continue;
+    double score = 0.0;
+    for (int l = 0; l < k; l++) {
+      double rest = abstain ? 0.5 * r0[l] : Negative_Part(r0[l]);
+      score += Negative_Part(r2[l]) + Negative_Part(r1[l]) + rest;
+    }
+    if (score < best_score) {
+      best_score = score;
+      best_pos = p;
+    }
+  }
+
+  // The sweep's running sums drift by rounding; the votes come from sums
+  // taken afresh for the chosen split.
+  for (int l = 0; l < k; l++) {
+    r1[l] = 0.0;
+    r2[l] = 0.0;
+  }
+  for (int j = 0; j < n; j++) {
+    const double* row = Row(s, index[j], k);
+    double* r = j <= best_pos ? r1 : r2;
+    for (int l = 0; l < k; l++) r[l] += row[l];
+  }
+  for (int l = 0; l < k; l++) {
+    c2[l] = Region_Vote(r2[l]);
+    c1[l] = Region_Vote(r1[l]);
+    c0[l] = abstain ? 0.5 : Region_Vote(r0[l]);
+  }
+
+  e->threshold = Threshold_At(v, n, best_pos);
+  return best_score;
+}
+
+}  // namespace
+
+double Region_Vote(double r) {
+  if (r < 0) return 1.0;
+  if (r > 0) return 0.0;
+  return 0.5;
+}
+
+double Text_Expert_PLoss(double* s, text_expert_rec* e, int k, double* S,
+                         double* c0, double* c1) {
+  // c1 holds the occurrence sums until each label's vote replaces them.
+  Occurrence_Sums(s, e, k, c1);
+  double score = 0.0;
+  for (int l = 0; l < k; l++) {
+    double r1 = c1[l];
+    double r0 = S[l] - r1;
+    if (r1 < 0) score += r1;
+    c1[l] = Region_Vote(r1);
+    if (r0 < 0) score += r0;
+    c0[l] = Region_Vote(r0);
+  }
+  return score;
+}
+
+double Text_Expert_PLoss_Randomized(double* s, text_expert_rec* e, int k,
+                                    double* S, double* c0, double* c1) {
+  Occurrence_Sums(s, e, k, c1);
+  double score = 0.0;
+  for (int l = 0; l < k; l++) {
+    double r1 = c1[l];
+    double r0 = S[l] - r1;
+    if (r1 < 0) score += r1;
+    c1[l] = Region_Vote(r1);
+    // Where the term is absent the expert abstains: half the weight there
+    // counts whatever its sign.
+    score += 0.5 * r0;
+    c0[l] = 0.5;
+  }
+  return score;
+}
+
+double Text_Expert_PLoss_Threshold(double* s, text_expert_rec* e, int k,
+                                   double* S, double* c0, double* c1,
+                                   double* c2) {
+  return Threshold_Sweep(s, e, k, S, c0, c1, c2, false);
+}
+
+double Text_Expert_PLoss_Threshold_Randomized(double* s, text_expert_rec* e,
+                                              int k, double* S, double* c0,
+                                              double* c1, double* c2) {
+  return Threshold_Sweep(s, e, k, S, c0, c1, c2, true);
+}
