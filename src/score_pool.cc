@@ -205,6 +205,64 @@ __attribute__((target("avx2"))) void add_rows_avx2(double* __restrict acc,
   }
 }
 
+// The totals' walk through a block: for every expert j in order and every
+// lane c in [c0, c1) of the 2k-vector [negative | positive],
+//   u = max(t - a, 0) (a NaN stays NaN), t = u + a, U[j][c] = u,
+// where a is the expert's sums. Lanes are independent.
+void replay_plain(double* __restrict t, const double* __restrict sums, const int* __restrict slot,
+                  const uint8_t* __restrict keep, int n, double* __restrict U, int two_k, int c0,
+                  int c1) {
+  for (int j = 0; j < n; ++j) {
+    const double* a = sums + static_cast<size_t>(slot[j]) * two_k;
+    double* u = U + static_cast<size_t>(j) * two_k;
+    for (int c = c0; c < c1; ++c) {
+      double v = t[c] - a[c];
+      if (v < 0) v = 0.0;
+      t[c] = v + a[c];
+      if (keep[j]) u[c] = v;
+    }
+  }
+}
+
+// Keeps 64 lanes of totals in registers while it walks the block. The
+// clamp is an ordered "below zero" test, so a NaN stays NaN as in the
+// plain loop.
+__attribute__((target("avx512f"))) void replay_avx512(double* __restrict t,
+                                                     const double* __restrict sums,
+                                                     const int* __restrict slot,
+                                                     const uint8_t* __restrict keep, int n,
+                                                     double* __restrict U, int two_k, int c0,
+                                                     int c1) {
+  const __m512d zero = _mm512_setzero_pd();
+  for (int c = c0; c < c1; c += 64) {
+    __mmask8 mask[8];
+    __m512d tv[8];
+    for (int v = 0; v < 8; ++v) {
+      const int left = c1 - (c + 8 * v);
+      mask[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
+      tv[v] = _mm512_maskz_loadu_pd(mask[v], t + c + 8 * v);
+    }
+    for (int j = 0; j < n; ++j) {
+      const double* a = sums + static_cast<size_t>(slot[j]) * two_k + c;
+      double* u = U + static_cast<size_t>(j) * two_k + c;
+      // Only candidates keep their state: most experts are passed over.
+      const __mmask8 store = keep[j] ? 0xFF : 0;
+      for (int v = 0; v < 8; ++v) {
+        const __m512d av = _mm512_maskz_loadu_pd(mask[v], a + 8 * v);
+        const __m512d dv = _mm512_sub_pd(tv[v], av);
+        const __m512d uv = _mm512_mask_mov_pd(dv, _mm512_cmp_pd_mask(dv, zero, _CMP_LT_OQ), zero);
+        tv[v] = _mm512_add_pd(uv, av);
+        _mm512_mask_storeu_pd(u + 8 * v, mask[v] & store, uv);
+      }
+    }
+    for (int v = 0; v < 8; ++v) _mm512_mask_storeu_pd(t + c + 8 * v, mask[v], tv[v]);
+  }
+}
+
+using replay_fn = void (*)(double* __restrict, const double* __restrict, const int* __restrict,
+                           const uint8_t* __restrict, int, double* __restrict, int, int, int);
+replay_fn replay = replay_plain;
+
 using add_rows_fn = void (*)(double* __restrict, const double* __restrict,
                              const int* __restrict, int, int);
 add_rows_fn add_rows = add_rows_plain;
@@ -217,8 +275,10 @@ void choose_kernels() {
   const bool has2 = __builtin_cpu_supports("avx2");
   if (forced_kernel == 0 || (forced_kernel == 1 && has2)) {
     add_rows = forced_kernel == 0 ? add_rows_plain : add_rows_avx2;
+    replay = replay_plain;
     return;
   }
+  replay = has512 ? replay_avx512 : replay_plain;
   if (has512)
     add_rows = add_rows_avx512;
   else if (has2)
@@ -325,28 +385,19 @@ void scan_term_block(int b, int e, const double* D, weight_table W, double* best
   for (int j = 0; j < n; ++j)
     candidate[j] = limit == HUGE_VAL || bound[slot_of[j]] < limit;
 
-  // Replay of the totals, label by label, in array order.
-  pool->Run(k, [&](int l0, int l1, int) {
-    for (int j = 0; j < n; ++j) {
-      const double* a0 = &sums[slot_of[j] * two_k];
-      const double* a1 = a0 + k;
-      double* u0 = &state[j * two_k];
-      double* u1 = u0 + k;
-      const bool keep = candidate[j];
-      for (int l = l0; l < l1; ++l) {
-        double v0 = t0[l] - a0[l];
-        double v1 = t1[l] - a1[l];
-        if (v0 < 0) v0 = 0.0;
-        if (v1 < 0) v1 = 0.0;
-        t0[l] = v0 + a0[l];
-        t1[l] = v1 + a1[l];
-        if (keep) {
-          u0[l] = v0;
-          u1[l] = v1;
-        }
-      }
-    }
+  // Replay of the totals in array order, lanes split among the threads.
+  std::vector<double> totals(two_k);
+  memcpy(totals.data(), t0, sizeof(double) * k);
+  memcpy(totals.data() + k, t1, sizeof(double) * k);
+  const int lane_groups = static_cast<int>((two_k + 7) / 8);
+  pool->Run(lane_groups, [&](int g0, int g1, int) {
+    const int c0 = g0 * 8;
+    const int c1 = std::min(static_cast<int>(two_k), g1 * 8);
+    replay(totals.data(), sums.data(), slot_of.data(), candidate.data(), n, state.data(),
+           static_cast<int>(two_k), c0, c1);
   });
+  memcpy(t0, totals.data(), sizeof(double) * k);
+  memcpy(t1, totals.data() + k, sizeof(double) * k);
 
   // Exact scores of the candidates; an expert whose twin just before it saw
   // the same totals has the same score.
