@@ -1,0 +1,268 @@
+// The three term enumerators: contiguous n-grams of one length, of every
+// length up to W, and sparse grams (windows of W tokens whose inner positions
+// may be wildcards). Each is a resumable generator whose position lives in
+// the statics below; a text is enumerated to its end before the next starts.
+#include "sgram_util.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "die.h"
+#include "read_data.h"
+
+namespace {
+
+// Next_Ngram_Full: start of the current n-gram, and the blank that ends it
+// (overwritten by NUL while the term is out). text_0 is null when idle.
+char* text_0 = nullptr;
+char* text_1 = nullptr;
+
+// Next_Ngram: the length now being enumerated; 0 when idle.
+int cur_win = 0;
+
+// Next_Sparse_Ngram_Intern: the current full window, the wildcard mask of
+// the next sparse term, and the window's score strings: those handed out in
+// the caller's array (kept here too, so that the caller's array is only ever
+// written) and private copies of their original text.
+char* ngram = nullptr;
+uint64_t cur_ind = 0;
+char** save_scores = nullptr;
+char** window_scores = nullptr;
+int num_saved = 0;
+
+// Next_Sparse_Ngram: 1 when the next call starts a new text.
+int first = 1;
+
+// The masks of a window are counted in 64 bits.
+constexpr int kMaxSparseWindow = 62;
+
+// Work buffers that grow on demand. The padded text must hold every text the
+// length check accepts plus 2W (or 4W) bytes of padding and the NUL; a sparse
+// term is at most its window plus two bytes per position.
+struct grow_buffer {
+  char* data = nullptr;
+  size_t size = 0;
+  char* reserve(size_t need) {
+    if (need > size) {
+      size_t n = size == 0 ? static_cast<size_t>(kSparseBufferSize) : size;
+      while (n < need) n *= 2;
+      char* fresh = static_cast<char*>(Malloc(n));
+      free(data);
+      data = fresh;
+      size = n;
+    }
+    return data;
+  }
+};
+grow_buffer padded_buf;
+grow_buffer term_buf;
+
+// Strings handed to the caller: at least two bytes, so that a score can
+// always be overwritten in place by the wildcard mark "?".
+char* copy_token(const char* start, size_t len) {
+  char* s = static_cast<char*>(Malloc(len < 1 ? 2 : len + 1));
+  memcpy(s, start, len);
+  s[len] = '\0';
+  return s;
+}
+
+// Frees the score strings of the current window (the caller's entries and
+// the private copies) and marks the caller's array empty.
+void release_window_scores(char** scores) {
+  for (int i = 0; i < num_saved; ++i) {
+    free(window_scores[i]);
+    free(save_scores[i]);
+    scores[i] = nullptr;
+  }
+  free(save_scores);
+  free(window_scores);
+  save_scores = nullptr;
+  window_scores = nullptr;
+  num_saved = 0;
+}
+
+}  // namespace
+
+char* Next_Ngram_Full(char* text, int n, int type, char** scores,
+                      int want_scores) {
+  const bool scored = type == kScoredText;
+  const bool give_scores = scored && want_scores != 0 && scores != nullptr;
+  // Blanks per word: a scored word is followed by its score.
+  const int per = scored ? 2 : 1;
+
+  if (text_0 != nullptr) {
+    *text_1 = ' ';
+    for (int s = 0; s < per; ++s) {
+      char* b = *text_0 == '\0' ? nullptr : strchr(text_0 + 1, ' ');
+      if (b == nullptr) {
+        text_0 = nullptr;
+        return nullptr;
+      }
+      text_0 = b + 1;
+    }
+  } else {
+    if (n < 1 || text == nullptr || text[0] == '\0') return nullptr;
+    char* p = text;
+    for (int s = 0; s < per * (n - 1); ++s) {
+      p = strchr(p + 1, ' ');
+      if (p == nullptr) return nullptr;  // fewer than n words
+    }
+    text_1 = p;
+    text_0 = text;
+  }
+
+  char* end = text_1;
+  for (int s = 0; s < per; ++s) {
+    end = strchr(end + 1, ' ');
+    if (end == nullptr) {
+      text_0 = nullptr;
+      return nullptr;
+    }
+  }
+  *end = '\0';
+  text_1 = end;
+  if (!scored) return text_0;
+
+  // Scored text: the words joined by blanks, the scores copied out.
+  char* result = static_cast<char*>(Malloc(strlen(text_0) + 1));
+  char* out = result;
+  int j = 0;
+  const char* q = text_0;
+  for (int tok = 0; tok < 2 * n; ++tok) {
+    const char* e = q;
+    while (*e != '\0' && *e != ' ') ++e;
+    size_t len = static_cast<size_t>(e - q);
+    if (tok % 2 == 0) {
+      if (out != result) *out++ = ' ';
+      memcpy(out, q, len);
+      out += len;
+    } else if (give_scores) {
+      scores[j++] = copy_token(q, len);
+    }
+    if (*e == '\0') break;
+    q = e + 1;
+  }
+  *out = '\0';
+  if (give_scores) scores[j] = nullptr;
+  return result;
+}
+
+char* Next_Ngram(char* text, int W, int type, char** scores, int want_scores) {
+  if (cur_win == 0) cur_win = 1;
+  while (cur_win <= W) {
+    char* term = Next_Ngram_Full(text, cur_win, type, scores, want_scores);
+    if (term != nullptr) return term;
+    ++cur_win;
+  }
+  cur_win = 0;
+  return nullptr;
+}
+
+char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
+                               char** scores, int want_scores) {
+  const bool scored = type == kScoredText;
+  const bool give_scores = scored && want_scores != 0 && scores != nullptr;
+
+  if (ngram == nullptr || cur_ind >= (uint64_t{1} << W)) {
+    if (ngram != nullptr && scored) {
+      if (save_scores != nullptr) release_window_scores(scores);
+      free(ngram);  // only a scored window is an allocation
+    }
+    ngram = Next_Ngram_Full(padded_text, W, type, scores, want_scores);
+    if (ngram == nullptr) return nullptr;
+    cur_ind = 0;
+    if (give_scores) {
+      num_saved = 0;
+      while (num_saved < W && scores[num_saved] != nullptr) ++num_saved;
+      save_scores = static_cast<char**>(Malloc(sizeof(char*) * (num_saved + 1)));
+      window_scores = static_cast<char**>(Malloc(sizeof(char*) * (num_saved + 1)));
+      for (int i = 0; i < num_saved; ++i) {
+        window_scores[i] = scores[i];
+        save_scores[i] = copy_token(scores[i], strlen(scores[i]));
+      }
+    }
+    term_buf.reserve(strlen(ngram) + 2 * static_cast<size_t>(W) + 3);
+  } else if (save_scores != nullptr) {
+    // Undo the wildcard marks of the previous mask.
+    for (int i = 0; i < num_saved; ++i) {
+      scores[i] = window_scores[i];
+      strcpy(scores[i], save_scores[i]);
+    }
+    scores[num_saved] = nullptr;
+  }
+
+  char* out = term_buf.data;
+  const char* q = ngram;
+  for (int i = 0; i < W; ++i) {
+    const char* e = q;
+    while (*e != '\0' && *e != ' ') ++e;
+    if ((cur_ind >> i) & 1) {
+      *out++ = '?';
+      *out++ = ' ';
+      if (save_scores != nullptr && i < num_saved) strcpy(scores[i], "?");
+    } else {
+      size_t len = static_cast<size_t>(e - q);
+      memcpy(out, q, len);
+      out += len;
+      *out++ = ' ';
+    }
+    q = *e == '\0' ? e : e + 1;
+  }
+  *out = '\0';
+  cur_ind += 2;  // bit 0 stays clear: the first word is always real
+
+  // Trim wildcards and blanks from both ends, keeping one trailing blank.
+  char* s = term_buf.data;
+  while (*s == '?' || *s == ' ') ++s;
+  if (*s == '\0') return s;  // nothing real left: an empty term
+  char* e = out - 1;
+  while (e > s && (*e == '?' || *e == ' ')) --e;
+  e[1] = ' ';
+  e[2] = '\0';
+  return s;
+}
+
+char* Next_Sparse_Ngram(char* text, int W, int type, char** scores,
+                        int want_scores) {
+  if (first) {
+    if (W < 1) return nullptr;
+    if (W > kMaxSparseWindow) {
+      fprintf(stderr, "Window length %d is too long for sparse grams (at most %d)\n",
+              W, kMaxSparseWindow);
+      Exit_Run(1);
+    }
+    size_t len = strlen(text);
+    if (len <= 1) return nullptr;  // an empty value is stored as one blank
+    if (static_cast<long long>(len) >=
+        2LL * W + static_cast<long long>(kSparseBufferSize) + 1) {
+      fprintf(stderr, "Cannot not handle such a long text\n");
+      Exit_Run(1);
+    }
+    // Padding lets every word start a full window; terms that reach into it
+    // mention "*" and are dropped below.
+    size_t copies = static_cast<size_t>(type == kScoredText ? 2 * W : W);
+    char* buf = padded_buf.reserve(len + 2 * copies + 1);
+    memcpy(buf, text, len);
+    char* p = buf + len;
+    for (size_t i = 0; i < copies; ++i) {
+      *p++ = '*';
+      *p++ = ' ';
+    }
+    *p = '\0';
+  }
+  for (;;) {
+    char* term =
+        Next_Sparse_Ngram_Intern(padded_buf.data, W, type, scores, want_scores);
+    if (term == nullptr) {
+      first = 1;
+      return nullptr;
+    }
+    // Empty terms (a window of literal "?" words) carry no word to match.
+    if (term[0] != '\0' && strchr(term, '*') == nullptr) {
+      first = 0;
+      return term;
+    }
+  }
+}

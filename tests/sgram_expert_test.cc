@@ -1,0 +1,357 @@
+// Tests of expert creation over small in-memory data sets (text, discrete,
+// continuous and scored-text attributes, with and without -I), checked
+// against a plain map-based reference; the randomised sort of valued
+// experts; and the prediction of a sparse expert.
+#include "sgram_expert.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "text_util.h"
+#include "weak_parm.h"
+
+namespace {
+
+using Ints = std::vector<int>;
+using Doubles = std::vector<double>;
+using Strings = std::vector<std::string>;
+
+// A names record and examples built by hand (never freed, like the real
+// ones). Values are strings: "?" for unknown, else the text, the discrete
+// index or the number. The first `train` examples are the training set.
+struct Data {
+  dataset_info names{};
+  std::vector<example*> ex;
+  int train = 0;
+  example_data data{};
+  text_expert_rec* experts = nullptr;
+
+  Data(std::vector<std::pair<std::string, int>> attributes, int num_classes) {
+    names.num_classes = num_classes;
+    names.num_attributes = static_cast<int>(attributes.size());
+    names.attributes = new attribute_info[attributes.size()];
+    for (size_t j = 0; j < attributes.size(); ++j)
+      names.attributes[j] = {strdup(attributes[j].first.c_str()), attributes[j].second, nullptr};
+  }
+
+  void Add(const Strings& values, const Ints& labels = {}) {
+    example* e = new example{};
+    e->values = new attribute_value[values.size()]{};
+    e->is_unknown = new int[values.size()]{};
+    e->labels = new unsigned char[static_cast<size_t>(names.num_classes)]{};
+    for (int l : labels) e->labels[l] = 1;
+    for (size_t j = 0; j < values.size(); ++j) {
+      int kind = names.attributes[j].num_values;
+      if (values[j] == "?") e->is_unknown[j] = 1;
+      else if (kind == kContinuous) e->values[j].real = strtod(values[j].c_str(), nullptr);
+      else if (kind > 0) e->values[j].index = atol(values[j].c_str());
+      else e->values[j].text = strdup(values[j].c_str());
+    }
+    ex.push_back(e);
+  }
+  void Train(const Strings& values, const Ints& labels) {
+    Add(values, labels);
+    train = static_cast<int>(ex.size());
+  }
+
+  text_expert_rec* Create(term_expander expand, int window, int class_index = -1,
+                          int flag_L = 0, pair_combiner fmultiple = max,
+                          score_combiner fscore = adds) {
+    data = example_data{names.num_classes, train, static_cast<int>(ex.size()) - train,
+                        ex.data(), nullptr, ex.data() + train, nullptr};
+    text_expert_info info{};
+    info.window = window;
+    info.class_index = class_index;
+    info.flag_L = flag_L;
+    info.fscore = fscore;
+    info.fmultiple = fmultiple;
+    return experts = Create_Ngram_Experts(&data, expand, &names, &info);
+  }
+
+  Strings Terms() const {
+    Strings out;
+    for (text_expert_rec* r = experts; r->term != nullptr; ++r) out.emplace_back(r->term);
+    return out;
+  }
+  const text_expert_rec& Expert(const std::string& term) const {
+    for (text_expert_rec* r = experts; r->term != nullptr; ++r)
+      if (term == r->term) return *r;
+    ADD_FAILURE() << "no expert '" << term << "'";
+    static text_expert_rec none{};
+    return none;
+  }
+};
+
+template <class T>
+std::vector<T> List(const T* p, int n) {
+  return p == nullptr ? std::vector<T>{} : std::vector<T>(p, p + n);
+}
+
+// ---- reference: every key of every example, gathered in maps ----
+
+struct Entry {
+  int example, count;
+  double value;
+};
+
+struct Reference {
+  Strings order;  // keys by first appearance
+  std::map<std::string, std::vector<Entry>> train, test;
+  std::map<std::string, bool> valued;
+};
+
+void AddKeysOf(Reference& ref, const Data& d, int e, bool is_train, term_expander f, int w) {
+  auto add = [&](const std::string& key, bool valued, double v) {
+    if (is_train && !ref.train.count(key)) {
+      ref.order.push_back(key);
+      ref.train[key];
+      ref.valued[key] = true;
+    }
+    if (!ref.train.count(key)) return;
+    if (is_train) ref.valued[key] = ref.valued[key] && valued;
+    std::vector<Entry>& list = (is_train ? ref.train : ref.test)[key];
+    if (!list.empty() && list.back().example == e) {
+      list.back().count++;
+      list.back().value = max(list.back().value, v);
+    } else {
+      list.push_back({e, 1, valued ? v : 0});
+    }
+  };
+  example* x = d.ex[static_cast<size_t>(e)];
+  for (int j = 0; j < d.names.num_attributes; ++j) {
+    const attribute_info& a = d.names.attributes[j];
+    std::string name = a.name;
+    if (x->is_unknown[j]) continue;
+    if (a.num_values > 0) {
+      add(name + ":" + std::to_string(x->values[j].index), false, 0);
+    } else if (a.num_values == kContinuous) {
+      add(name + ":", true, x->values[j].real);
+    } else {
+      bool scored = a.num_values == kScoredText;
+      std::vector<char*> scores(static_cast<size_t>(w) + 1, nullptr);
+      for (char* t; (t = f(x->values[j].text, w, a.num_values, scores.data(), scored));) {
+        add(d.names.num_attributes > 1 ? name + ":" + t : std::string(t), scored,
+            scored ? static_cast<double>(adds(scores.data())) : 0.0);
+        if (scored && f != Next_Sparse_Ngram) {
+          free(t);
+          for (char** s = scores.data(); *s != nullptr; ++s) free(*s);
+        }
+      }
+    }
+  }
+}
+
+std::string RandomText(std::mt19937& rng, bool scored) {
+  static const char* words[] = {"a", "b", "c", "dd", "e", "f"};
+  static const char* scores[] = {"1", "0.5", "-2", "3"};
+  std::string t;
+  for (int i = static_cast<int>(rng() % 9); i > 0; --i) {
+    t += std::string(words[rng() % 6]) + " ";
+    if (scored) t += std::string(scores[rng() % 4]) + " ";
+  }
+  return t.empty() ? " " : t;
+}
+
+TEST(CreateExpertsTest, MatchesPlainReferenceOnRandomData) {
+  std::mt19937 rng(20240611);
+  Data d({{"t", kText}, {"d", 4}, {"n", kContinuous}, {"s", kScoredText}}, 2);
+  auto value = [&](int j) -> std::string {
+    if (rng() % 7 == 0) return "?";
+    if (j == 1) return std::to_string(rng() % 4);
+    if (j == 2) return std::to_string(static_cast<int>(rng() % 5) - 2);
+    return RandomText(rng, j == 3);
+  };
+  for (int i = 0; i < 60; ++i) {
+    Strings values = {value(0), value(1), value(2), value(3)};
+    if (i < 45) d.Train(values, {0}); else d.Add(values);
+  }
+  for (term_expander f : {Next_Sparse_Ngram, Next_Ngram, Next_Ngram_Full}) {
+    for (int w : {1, 2, 4}) {
+      SCOPED_TRACE("W=" + std::to_string(w));
+      Reference ref;
+      for (int e = 0; e < static_cast<int>(d.ex.size()); ++e) AddKeysOf(ref, d, e, e < d.train, f, w);
+      text_expert_rec* x = d.Create(f, w);
+      ASSERT_EQ(d.Terms(), ref.order);
+      EXPECT_EQ(Num_Text_Experts(), static_cast<int>(ref.order.size()));
+      for (size_t k = 0; k < ref.order.size(); ++k) {
+        const std::string& key = ref.order[k];
+        SCOPED_TRACE(key);
+        const text_expert_rec& r = x[k];
+        const std::vector<Entry>& tr = ref.train[key];
+        const std::vector<Entry>& te = ref.test[key];
+        EXPECT_EQ(r.list_id, static_cast<int>(k));
+        ASSERT_EQ(r.num_train, static_cast<int>(tr.size()));
+        ASSERT_EQ(r.num_test, static_cast<int>(te.size()));
+        std::vector<std::tuple<double, int, int>> want, got;
+        for (size_t i = 0; i < tr.size(); ++i) {
+          EXPECT_EQ(r.train_index[i], tr[i].example);
+          if (!ref.valued[key]) {
+            EXPECT_EQ(r.train_count[i], tr[i].count);
+          }
+          want.emplace_back(tr[i].value, tr[i].example, tr[i].count);
+        }
+        for (size_t i = 0; i < te.size(); ++i) {
+          EXPECT_EQ(r.test_index[i], te[i].example);
+          EXPECT_EQ(r.test_count[i], te[i].count);
+          if (ref.valued[key]) {
+            EXPECT_EQ(r.test_values[i], te[i].value);
+          }
+        }
+        if (!ref.valued[key]) {
+          EXPECT_TRUE(r.values == nullptr && r.test_values == nullptr && r.type == kTypeFgram);
+          continue;
+        }
+        EXPECT_EQ(r.type, kTypeThreshold);
+        for (size_t i = 0; i < tr.size(); ++i) {
+          EXPECT_EQ(r.values[i], tr[i].value);
+          got.emplace_back(r.sorted_values[i], r.sorted_index[i], r.train_count[i]);
+        }
+        // Sorted ascending, each value with its example and count.
+        EXPECT_TRUE(std::is_sorted(r.sorted_values, r.sorted_values + r.num_train));
+        std::sort(want.begin(), want.end());
+        std::sort(got.begin(), got.end());
+        EXPECT_EQ(got, want);
+      }
+    }
+  }
+}
+
+TEST(CreateExpertsTest, ValuedKeysCombinersAndRepeats) {
+  Data d({{"body", kText}, {"colour", 13}, {"size", kContinuous}, {"kw", kScoredText}}, 2);
+  d.Train({"x y ", "12", "2.5", "p 1 q 2 "}, {0});
+  d.Train({"y ", "3", "?", "p 4 p 6 "}, {1});
+  d.Train({"?", "12", "-1", "q 3 p 0.5 "}, {0});
+  d.Add({"y z ", "3", "7", "p 9 p 1 "});
+  d.Create(Next_Sparse_Ngram, 1);
+  EXPECT_EQ(d.Terms(), (Strings{"body:x ", "body:y ", "colour:12", "size:", "kw:p ", "kw:q ",
+                                "colour:3"}));
+  // "p 4 p 6": one entry counted twice, valued max(4, 6). train_count moves
+  // with the sorted values; train_index and values keep example order.
+  const text_expert_rec& p = d.Expert("kw:p ");
+  EXPECT_EQ(List(p.train_index, 3), (Ints{0, 1, 2}));
+  EXPECT_EQ(List(p.values, 3), (Doubles{1, 6, 0.5}));
+  EXPECT_EQ(List(p.sorted_values, 3), (Doubles{0.5, 1, 6}));
+  EXPECT_EQ(List(p.sorted_index, 3), (Ints{2, 0, 1}));
+  EXPECT_EQ(List(p.train_count, 3), (Ints{1, 1, 2}));
+  EXPECT_EQ(List(p.test_values, 1), Doubles{9});
+  EXPECT_EQ(List(d.Expert("size:").train_index, 2), (Ints{0, 2}));
+  EXPECT_EQ(List(d.Expert("size:").test_values, 1), Doubles{7});
+
+  d.Create(Next_Sparse_Ngram, 1, -1, 1, add, adds);
+  EXPECT_EQ(d.Expert("size:").type, kTypeLinear);
+  EXPECT_EQ(d.Expert("kw:p ").type, kTypeLinear);
+  EXPECT_EQ(List(d.Expert("kw:p ").values, 3), (Doubles{1, 10, 0.5}));
+  EXPECT_EQ(List(d.Expert("kw:p ").test_values, 1), Doubles{10});
+
+  // A window wider than a short scored text still has a score per position.
+  Data s({{"kw", kScoredText}}, 1);
+  s.Train({"p 1.5 "}, {0});
+  s.Create(Next_Sparse_Ngram, 12, -1, 0, max, maxs);
+  EXPECT_EQ(s.Terms(), Strings{"p "});
+  EXPECT_EQ(List(s.Expert("p ").values, 1), Doubles{1.5});
+
+  // Two attributes of one name: a repeated discrete key is one entry.
+  Data r({{"c", 3}, {"c", 3}}, 1);
+  r.Train({"1", "1"}, {0});
+  r.Train({"0", "1"}, {0});
+  r.Create(Next_Sparse_Ngram, 1);
+  EXPECT_EQ(List(r.Expert("c:1").train_index, 2), (Ints{0, 1}));
+  EXPECT_EQ(List(r.Expert("c:1").train_count, 2), (Ints{2, 1}));
+}
+
+TEST(CreateExpertsTest, OneClassKeysWithWholeSetCounts) {
+  // The keys come from class 1's examples, the counts from all; a continuous
+  // attribute gives its key only in first place, even where the value lacks.
+  Data c({{"size", kContinuous}, {"body", kText}, {"n", kContinuous}}, 3);
+  c.Train({"2.5", "x y ", "1"}, {0});
+  c.Train({"?", "y ", "2"}, {1});
+  c.Train({"-1", "y x ", "3"}, {0});
+  c.Add({"4", "y ", "5"});
+  c.Create(Next_Sparse_Ngram, 1, 1);
+  EXPECT_EQ(c.Terms(), (Strings{"size:", "body:y "}));
+  EXPECT_EQ(List(c.Expert("size:").sorted_values, 2), (Doubles{-1, 2.5}));
+  EXPECT_EQ(List(c.Expert("body:y ").train_index, 3), (Ints{0, 1, 2}));
+  EXPECT_EQ(List(c.Expert("body:y ").test_index, 1), Ints{3});
+  // A class no example carries, or one that does not exist: no experts.
+  for (int cls : {2, 7}) {
+    EXPECT_EQ(c.Create(Next_Sparse_Ngram, 1, cls)[0].term, nullptr);
+    EXPECT_EQ(Num_Text_Experts(), 0);
+  }
+}
+
+TEST(CreateExpertsDeathTest, WindowBelowOneIsRefused) {
+  Data d({{"body", kText}}, 1);
+  d.Train({"a "}, {0});
+  EXPECT_EXIT(d.Create(Next_Ngram, -3), ::testing::ExitedWithCode(1),
+              "^Illegal window length \\(-3\\)");
+}
+
+TEST(RsortTest, SortsMovesCompanionsAndFollowsTheSeed) {
+  auto run = [](std::vector<double> keys, unsigned seed) {
+    Ints a(keys.size()), b(keys.size());
+    for (size_t i = 0; i < keys.size(); ++i) a[i] = b[i] = static_cast<int>(i);
+    std::vector<double> orig = keys;
+    srandom(seed);
+    rsort(keys.data(), a.data(), b.data(), static_cast<int>(keys.size()));
+    EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
+    for (size_t i = 0; i < keys.size(); ++i) EXPECT_EQ(keys[i], orig[static_cast<size_t>(a[i])]);
+    EXPECT_EQ(a, b);
+    return a;
+  };
+  std::vector<double> keys;
+  for (int i = 0; i < 300; ++i) keys.push_back((i * 7919) % 37);
+  EXPECT_EQ(run(keys, 5), run(keys, 5));
+  EXPECT_NE(run(keys, 5), run(keys, 6));  // equal keys land by random()
+  run(std::vector<double>(100000, 1.0), 1);  // one long run of a value
+  // Fewer than two keys draw no random number.
+  srandom(9);
+  long expected = random();
+  run({4.0}, 9);
+  EXPECT_EQ(random(), expected);
+}
+
+// Examples as the reader makes them; Read_Data also makes these the names
+// of the run, which the prediction consults.
+example_data* ReadStem(const std::string& names, const std::string& train) {
+  char dir[] = "/tmp/mhboost_sgram_XXXXXX";
+  if (mkdtemp(dir) == nullptr) return nullptr;
+  std::string stem = std::string(dir) + "/s";
+  for (auto [suffix, text] : {std::pair{".names", names}, std::pair{".data", train}}) {
+    FILE* f = fopen((stem + suffix).c_str(), "w");
+    fputs(text.c_str(), f);
+    fclose(f);
+  }
+  dataset_info* dsi = nullptr;
+  example_data* data = Read_Data(stem.c_str(), &dsi, 0, 0);
+  EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
+  return data;
+}
+
+TEST(SgramPredictionTest, PresentOrAbsentInFirstAttribute) {
+  double c0[1] = {-1}, c1[1] = {1};
+  char term[] = "a ? c ";
+  text_expert_rec h{};
+  h.term = term;
+  h.c0 = c0;
+  h.c1 = c1;
+  example_data* d = ReadStem("c0.\nbody: text.\nn: continuous.\n",
+                             "a b c, 1, c0.\na c, 2, c0.\n?, 3, c0.\n");
+  ASSERT_EQ(d->num_train, 3);
+  EXPECT_EQ(Sgram_Expert_Prediction(&h, d->train_examples[0]), c1);
+  EXPECT_EQ(Sgram_Expert_Prediction(&h, d->train_examples[1]), c0);
+  EXPECT_EQ(Sgram_Expert_Prediction(&h, d->train_examples[2]), c0);
+  // A first attribute that holds no text never matches.
+  d = ReadStem("c0.\nn: continuous.\nbody: text.\n", "1, a b c, c0.\n");
+  EXPECT_EQ(Sgram_Expert_Prediction(&h, d->train_examples[0]), c0);
+}
+
+}  // namespace

@@ -1,0 +1,78 @@
+// Tests of word ids, sparse-term occurrence counting, key building and the
+// score-combining helpers.
+#include "text_util.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "hash.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+TEST(HashTextTest, StableIdsAndLongWords) {
+  hash_table* table = Init_Hash();
+  std::string big(5000, 'x');
+  std::vector<int> got;
+  for (const std::string& text : Strings{"a b a c ", "c d ", " ", "a " + big + " " + big + " "}) {
+    int* ids = Hash_Text(text.c_str(), table);
+    for (int* p = ids; *p != 0; ++p) got.push_back(*p);
+    free(ids);
+  }
+  EXPECT_EQ(got, (std::vector<int>{1, 2, 1, 3, 3, 4, 1, 5, 5}));
+  EXPECT_EQ(Hash_Find("", table)->count, 5);
+}
+
+TEST(SparseNgramOccurTest, CountsEveryMatchingStart) {
+  EXPECT_EQ(Sparse_Ngram_Occur("a b a c a b ", "a ? "), 3);
+  EXPECT_EQ(Sparse_Ngram_Occur("a b a c a b ", "a ? a "), 2);
+  EXPECT_EQ(Sparse_Ngram_Occur("a b a c a b ", "a ? b "), 0);
+  EXPECT_EQ(Sparse_Ngram_Occur("a a a ", "a a "), 2);
+  EXPECT_EQ(Sparse_Ngram_Occur("a b c ", "never "), 0);
+  // A term may not run past the end of the text, wildcards included.
+  EXPECT_EQ(Sparse_Ngram_Occur("x a ", "a ? "), 0);
+  EXPECT_EQ(Sparse_Ngram_Occur("a ", "a ? c "), 0);
+  EXPECT_EQ(Sparse_Ngram_Occur(" ", "a "), 0);
+}
+
+TEST(KeyHelpersTest, PrefixAndDigits) {
+  char* key = PrefixAttribute("a b ", "body");
+  EXPECT_STREQ(key, "body:a b ");
+  free(key);
+  char buf[16];
+  for (int n : {0, 3, 12, 2147483647}) {
+    itostr(n, buf);
+    EXPECT_EQ(buf, std::to_string(n));
+  }
+}
+
+TEST(CombinerTest, TiesWildcardsAndPrecision) {
+  // The second argument wins a tie: the sign of zero shows which came back.
+  EXPECT_FALSE(std::signbit(max(-0.0, 0.0)));
+  EXPECT_TRUE(std::signbit(min(0.0, -0.0)));
+  EXPECT_EQ(max(1.0, NAN), 1.0);
+  char s15[] = "1.5", q[] = "?", s2[] = "2", s3[] = "3", m1[] = "-1", a[] = "0.1",
+       b[] = "0.2", z[] = "0", nz[] = "-0";
+  char* sum_in[] = {s15, q, s2, nullptr};
+  EXPECT_EQ(adds(sum_in), 3.5L);
+  char* wild_first[] = {q, s3, nullptr};
+  EXPECT_EQ(maxs(wild_first), 3.0L);
+  char* wild_only[] = {q, nullptr};
+  EXPECT_EQ(maxs(wild_only), 0.0L);
+  char* mixed[] = {s3, q, m1, s2, nullptr};
+  EXPECT_EQ(mins(mixed), -1.0L);
+  EXPECT_EQ(maxs(mixed), 3.0L);
+  // Summed in long double from the conversions to double.
+  char* tenths[] = {a, b, nullptr};
+  EXPECT_EQ(adds(tenths), static_cast<long double>(0.1) + static_cast<long double>(0.2));
+  // On a tie the earlier value stays.
+  char* zeros[] = {nz, z, nullptr};
+  EXPECT_TRUE(std::signbit(mins(zeros)));
+}
+
+}  // namespace
