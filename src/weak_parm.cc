@@ -3,6 +3,7 @@
 // whole vector, skipping the booster's letters and their arguments.
 #include "weak_parm.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -121,7 +122,7 @@ char* Weak_Parm(int argc, char** argv, text_expert_info* info) {
         break;
       case 'E':
         info->smoothing = atof(arg);
-        if (info->smoothing < 0) {
+        if (!std::isfinite(info->smoothing) || info->smoothing < 0) {
           fprintf(stderr, "Illegal smoothing value (%g)\n", info->smoothing);
           Usage(stderr, argv[0]);
           Exit_Run(1);
