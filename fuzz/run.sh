@@ -113,6 +113,8 @@ export ASAN_OPTIONS="detect_leaks=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
 export UBSAN_OPTIONS="print_stacktrace=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}"
 
 found=0
+passed=0
+failed=0
 for t in "${targets[@]}"; do
   bin=$out/bin/${t}_fuzz
   seeds=$root/fuzz/corpus/$t
@@ -142,10 +144,13 @@ for t in "${targets[@]}"; do
   wall=$(($(date +%s) - start))
   if [ "$status" -ne 0 ]; then
     found=1
+    failed=$((failed + 1))
     echo "FAIL $t: exit status $status after $execs executions, ${wall}s (log: $log)"
     grep -E 'ERROR|runtime error|fuzz: |Test unit written|SUMMARY' "$log" | head -n 20 | sed 's/^/     /'
   else
+    passed=$((passed + 1))
     echo "ok   $t: $execs executions, ${wall}s, corpus $(ls "$work" | wc -l) + $(ls "$seeds" | wc -l) seeds"
   fi
 done
+echo "fuzz: $passed passed, $failed failed"
 exit $found
