@@ -19,8 +19,10 @@ namespace {
 char* text_0 = nullptr;
 char* text_1 = nullptr;
 
-// Next_Ngram: the length now being enumerated; 0 when idle.
+// Next_Ngram: the length now being enumerated (0 when idle), and whether it
+// has given a term yet.
 int cur_win = 0;
+bool cur_win_used = false;
 
 // Next_Sparse_Ngram_Intern: the current full window, the wildcard mask of
 // the next sparse term, and the window's score strings: those handed out in
@@ -105,7 +107,7 @@ char* Next_Ngram_Full(char* text, int n, int type, char** scores,
   } else {
     if (n < 1 || text == nullptr || text[0] == '\0') return nullptr;
     char* p = text;
-    for (int s = 0; s < per * (n - 1); ++s) {
+    for (long long s = 0; s < static_cast<long long>(per) * (n - 1); ++s) {
       p = strchr(p + 1, ' ');
       if (p == nullptr) return nullptr;  // fewer than n words
     }
@@ -130,7 +132,7 @@ char* Next_Ngram_Full(char* text, int n, int type, char** scores,
   char* out = result;
   int j = 0;
   const char* q = text_0;
-  for (int tok = 0; tok < 2 * n; ++tok) {
+  for (long long tok = 0; tok < 2LL * n; ++tok) {
     const char* e = q;
     while (*e != '\0' && *e != ' ') ++e;
     size_t len = static_cast<size_t>(e - q);
@@ -150,11 +152,21 @@ char* Next_Ngram_Full(char* text, int n, int type, char** scores,
 }
 
 char* Next_Ngram(char* text, int W, int type, char** scores, int want_scores) {
-  if (cur_win == 0) cur_win = 1;
+  if (cur_win == 0) {
+    cur_win = 1;
+    cur_win_used = false;
+  }
   while (cur_win <= W) {
     char* term = Next_Ngram_Full(text, cur_win, type, scores, want_scores);
-    if (term != nullptr) return term;
+    if (term != nullptr) {
+      cur_win_used = true;
+      return term;
+    }
+    // A length with no term means the text is shorter than it, and than
+    // every longer one: stop here rather than try each up to W.
+    if (!cur_win_used || cur_win == W) break;
     ++cur_win;
+    cur_win_used = false;
   }
   cur_win = 0;
   return nullptr;
@@ -164,6 +176,7 @@ char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
                                char** scores, int want_scores) {
   const bool scored = type == kScoredText;
   const bool give_scores = scored && want_scores != 0 && scores != nullptr;
+  if (W < 1 || W > kMaxSparseWindow) return nullptr;
 
   if (ngram == nullptr || cur_ind >= (uint64_t{1} << W)) {
     if (ngram != nullptr && scored) {

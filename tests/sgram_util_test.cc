@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <set>
 #include <string>
@@ -22,7 +23,7 @@ Terms Enumerate(term_expander f, const std::string& text, int w, int type = kTex
                 bool want_scores = false) {
   std::vector<char> buf(text.begin(), text.end());
   buf.push_back('\0');
-  std::vector<char*> scores(static_cast<size_t>(w < 0 ? 0 : w) + 1, nullptr);
+  std::vector<char*> scores(static_cast<size_t>(std::clamp(w, 0, 64)) + 1, nullptr);
   const bool owned = type == kScoredText && f != Next_Sparse_Ngram;
   Terms out;
   for (char* t; (t = f(buf.data(), w, type, scores.data(), want_scores)) != nullptr;) {
@@ -51,6 +52,8 @@ TEST(ContiguousTerms, OrderLengthsAndScores) {
             (Terms{"a", "b", "c", "d", "a b", "b c", "c d"}));
   EXPECT_EQ(Enumerate(Next_Ngram, "x y ", 3), (Terms{"x", "y", "x y"}));
   EXPECT_EQ(Enumerate(Next_Ngram, "a b c ", 0), Terms{});
+  EXPECT_EQ(Enumerate(Next_Ngram, "x 1 y 2 ", INT_MAX, kScoredText), (Terms{"x", "y", "x y"}));
+  EXPECT_EQ(Enumerate(Next_Ngram_Full, "x y ", INT_MAX), Terms{});
   EXPECT_EQ(Enumerate(Next_Ngram_Full, "a 1 b 2.5 c -3 ", 2, kScoredText, true),
             (Terms{"a b|1|2.5", "b c|2.5|-3"}));
   EXPECT_EQ(Enumerate(Next_Ngram, "p 1 q 2 ", 2, kScoredText, false),
