@@ -101,7 +101,7 @@ uint64_t list_hash(const int* list, int n) {
 
 bool same_list(const text_expert_rec& a, const text_expert_rec& b) {
   return a.num_train == b.num_train &&
-         memcmp(a.train_index, b.train_index, sizeof(int) * a.num_train) == 0;
+         (a.num_train == 0 || memcmp(a.train_index, b.train_index, sizeof(int) * a.num_train) == 0);
 }
 
 // Links every term expert to the previous expert with the same list.
