@@ -59,6 +59,7 @@ std::vector<uint8_t> label_rows;
 // positive_start[i + 1]).
 std::vector<int> positive_start;
 std::vector<int> positive_label;
+std::vector<double> positive_weight;  // per round: D of each carried label
 // Per round: the weights of the labels an example does not carry.
 std::vector<double> negative_rows;
 // For each expert, the previous expert with an identical training list
@@ -290,8 +291,9 @@ void choose_kernels() {
 // A0/A1: the expert's weight by label sign, summed in list order exactly as
 // the sequential scoring does. A0 adds the rows of negative_rows (the
 // weights with every carried label's entry set to +0.0, which changes no
-// bit of a sum); A1 adds only the few carried labels of each example.
-void sum_list(const text_expert_rec& x, const double* D, int k, double* a0, double* a1) {
+// bit of a sum); A1 adds only the few carried labels of each example, whose
+// weights are gathered per round next to their labels.
+void sum_list(const text_expert_rec& x, int k, double* a0, double* a1) {
   for (int l = 0; l < k; ++l) {
     a0[l] = 0.0;
     a1[l] = 0.0;
@@ -299,10 +301,10 @@ void sum_list(const text_expert_rec& x, const double* D, int k, double* a0, doub
   add_rows(a0, negative_rows.data(), x.train_index, x.num_train, k);
   const int* start = positive_start.data();
   const int* label = positive_label.data();
+  const double* weight = positive_weight.data();
   for (int j = 0; j < x.num_train; ++j) {
     const int i = x.train_index[j];
-    const double* row = D + static_cast<size_t>(i) * k;
-    for (int p = start[i]; p < start[i + 1]; ++p) a1[label[p]] += row[label[p]];
+    for (int p = start[i]; p < start[i + 1]; ++p) a1[label[p]] += weight[p];
   }
 }
 
@@ -312,6 +314,10 @@ void fill_negative_rows(const double* D) {
   negative_rows.resize(mk);
   const uint8_t* y = label_rows.data();
   for (size_t j = 0; j < mk; ++j) negative_rows[j] = y[j] ? 0.0 : D[j];
+  positive_weight.resize(positive_label.size());
+  for (int i = 0; i < data_set->num_train; ++i)
+    for (int p = positive_start[i]; p < positive_start[i + 1]; ++p)
+      positive_weight[p] = D[static_cast<size_t>(i) * num_labels + positive_label[p]];
 }
 
 // Assigns slots to the term experts of block [b, e); returns the slot count.
@@ -350,9 +356,10 @@ void for_slots_balanced(int nslots, const Fn& fn) {
   });
 }
 
-// Scores the term experts [b, e) of the non-abstaining scan against the
+// Scores the term experts [b, e) of the non-abstaining scan (weights from
+// fill_negative_rows) against the
 // totals T (W[0]), updating best / best_index in array order.
-void scan_term_block(int b, int e, const double* D, weight_table W, double* best,
+void scan_term_block(int b, int e, weight_table W, double* best,
                      int* best_index) {
   const int k = num_labels;
   const size_t two_k = 2 * static_cast<size_t>(k);
@@ -376,7 +383,7 @@ void scan_term_block(int b, int e, const double* D, weight_table W, double* best
   for_slots_balanced(nslots, [&](int s, int) {
     double* a0 = &sums[s * two_k];
     double* a1 = a0 + k;
-    sum_list(experts[slot_expert[s]], D, k, a0, a1);
+    sum_list(experts[slot_expert[s]], k, a0, a1);
     double lin = 0.0;
     for (int l = 0; l < k; ++l) lin += r0[l] * a0[l] + r1[l] * a1[l];
     bound[s] = g_total - lin;
@@ -496,7 +503,7 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
       }
       int end = e;
       while (end < num_experts && end - e < kBlock && experts[end].type == kTypeFgram) ++end;
-      scan_term_block(e, end, D, W, &best, &best_index);
+      scan_term_block(e, end, W, &best, &best_index);
       e = end;
     }
     return best_index;

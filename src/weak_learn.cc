@@ -306,8 +306,10 @@ double* EvalWeakHypothesis(text_expert_rec* h, example* x) {
   }
   if (n == 0) return h->c0;
   // Examples are evaluated in increasing order, so the search resumes where
-  // the previous one stopped; it starts again from 0 whenever it is past.
-  if (lasti >= n || lasti < 0 || list[lasti] > index) lasti = 0;
+  // the previous one stopped. The cursor is kept only while every entry
+  // before it is below the sought index (it may come from another list);
+  // otherwise the search starts again from 0.
+  if (lasti < 0 || lasti > n || (lasti > 0 && list[lasti - 1] >= index)) lasti = 0;
   while (lasti < n && list[lasti] < index) lasti++;
   if (lasti >= n || list[lasti] != index) return h->c0;
   if (vals == nullptr) return h->c1;
