@@ -17,6 +17,7 @@
 
 #include "die.h"
 #include "dict.h"
+#include "progress.h"
 
 namespace {
 
@@ -443,7 +444,9 @@ example** Read_DataSet(dataset_info* info, const char* path, int* count) {
   for (example* e; (e = Read_Example(info, in)) != nullptr;) {
     examples = grow_if_full(examples, n, kExampleStep);
     examples[n++] = e;
+    if ((n & 1023) == 0) Progress_Update("reading examples", n, "examples");
   }
+  Progress_Done();
   if (examples == nullptr) examples = grow_if_full(examples, 0, kExampleStep);
   if (in != stdin) fclose(in);
   current_path = nullptr;

@@ -25,6 +25,7 @@
 
 #include "die.h"
 #include "hash.h"
+#include "progress.h"
 #include "text_util.h"
 #include "weak_parm.h"
 
@@ -326,6 +327,7 @@ hash_table* Hash_Ngram_Experts(example_data* data, term_expander expand, int W,
   key_source src{expand, W, names, logging ? log_fscore : nullptr};
   for (int e = 0; e < data->num_train; ++e) {
     const int stamp = e + 1;
+    if ((e & 255) == 0) Progress_Update("collecting rules", info_count, "rules");
     if (logging) train_log.starts.push_back(train_log.keys.size());
     for_each_key(data->train_examples[e], src, false,
                  [&](const char* key, key_kind kind, double v) {
@@ -335,6 +337,7 @@ hash_table* Hash_Ngram_Experts(example_data* data, term_expander expand, int W,
                  });
   }
   if (logging) train_log.starts.push_back(train_log.keys.size());
+  Progress_Done();
   *num_experts = info_count;
   Index_Test_Instances(table, data, expand, W, names);
   return table;
@@ -360,6 +363,7 @@ hash_table* Hash_Ngram_Experts_Class(example_data* data, term_expander expand,
   src.fscore = logging ? log_fscore : nullptr;
   for (int e = 0; e < data->num_train; ++e) {
     const int stamp = e + 1;
+    if ((e & 255) == 0) Progress_Update("collecting rules", info_count, "rules");
     if (logging) train_log.starts.push_back(train_log.keys.size());
     for_each_key(data->train_examples[e], src, false,
                  [&](const char* key, key_kind kind, double v) {
@@ -370,6 +374,7 @@ hash_table* Hash_Ngram_Experts_Class(example_data* data, term_expander expand,
                  });
   }
   if (logging) train_log.starts.push_back(train_log.keys.size());
+  Progress_Done();
   *num_experts = info_count;
   Index_Test_Instances(table, data, expand, W, names);
   return table;
