@@ -99,7 +99,7 @@ char* Weak_Parm(int argc, char** argv, text_expert_info* info) {
         break;
       case 'I': {
         int n = atoi(arg);
-        info->class_index = n - 1;
+        info->class_index = n < 1 ? -1 : n - 1;  // no n - 1 overflow at INT_MIN
         if (info->class_index < 0) {
           fprintf(stderr, "Illegal class indx (%d)", n);
           Usage(stderr, argv[0]);
