@@ -6,7 +6,9 @@ seeds are models trained by the program itself on the fuzz target's task.
     fuzz/make_seeds.py <mhboost binary>
 
 Each seed starts with the byte that the target reads as its setting (see the
-target's source), then the file or text itself.
+target's source), then the file or text itself. Seeds are added beside the
+inputs already there (the corpora also keep what campaigns found, merged
+with libFuzzer's -merge=1).
 """
 import glob
 import hashlib
@@ -157,8 +159,6 @@ def model_seeds(binary):
 def main():
     if len(sys.argv) != 2:
         sys.exit("usage: make_seeds.py <mhboost binary>")
-    for t in ("names", "data", "dict", "model", "options", "terms"):
-        shutil.rmtree(os.path.join(CORPUS, t), ignore_errors=True)
     names_seeds()
     data_seeds()
     dict_seeds()
