@@ -1,0 +1,331 @@
+#!/usr/bin/env bash
+# Benchmark of mhboost on real corpora, beside peer libraries.
+#
+#   bench/run.sh MHBOOST [--quick] [--only NAME,...] [--out DIR]
+#                [--corpora DIR] [--no-peers] [--write-results]
+#
+# Builds the corpora into a cache when they are missing (bench/make_corpora.py
+# from data that Debian packages install; missing packages are installed with
+# apt-get), runs mhboost on a fixed set of configurations, each in a
+# directory of its own so that models never clash, then the peers
+# (bench/peers.py: XGBoost stumps, scikit-learn AdaBoost, linear SVM), and
+# prints Markdown tables.
+#
+#   --quick          a tenth of the rounds (peers: 10 rounds instead of 100)
+#   --only LIST      configurations to run, by name or by task (stem), e.g.
+#                    --only fortunes or --only debpkg-sgram3,numeric-digits
+#   --out DIR        where runs, logs and tables go (default bench/out/run)
+#   --corpora DIR    corpora cache (default bench/out/corpora); an existing
+#                    directory built by make_corpora.py can be reused
+#   --no-peers       skip the peer libraries
+#   --write-results  also write the report to bench/RESULTS.md
+#
+# Only one program runs at a time, so that runs do not slow each other.
+set -euo pipefail
+
+BENCH=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+REPO=$(dirname "$BENCH")
+SYS_PYTHON=/usr/bin/python3
+
+# name | task | options | rounds | rounds with --quick
+CONFIGS=(
+  "debpkg-ngram1-T2|debpkg|-N ngram -W 1 -T 2|200|20"
+  "debpkg-ngram1-T1|debpkg|-N ngram -W 1 -T 1|200|20"
+  "debpkg-sgram3|debpkg|-W 3|50|5"
+  "fortunes-ngram1|fortunes|-N ngram -W 1|200|20"
+  "fortunes-ngram1-z|fortunes|-N ngram -W 1 -z|200|20"
+  "fortunes-ngram1-R|fortunes|-N ngram -W 1 -R|200|20"
+  "numeric-digits|numeric-digits||200|20"
+  "mixed-affairs|mixed-affairs||200|20"
+)
+PEER_ROUNDS=100
+PEER_ROUNDS_QUICK=10
+
+usage() {
+  sed -n '2,22p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+  exit "${1:-2}"
+}
+
+die() { echo "run.sh: $*" >&2; exit 1; }
+
+COMMAND_LINE="bench/run.sh${*:+ $*}"
+MHBOOST=""
+QUICK=0
+ONLY=""
+OUT="$BENCH/out/run"
+CORPORA="$BENCH/out/corpora"
+PEERS=1
+WRITE_RESULTS=0
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) QUICK=1 ;;
+    --only) [ $# -ge 2 ] || die "--only needs a list"; ONLY=$2; shift ;;
+    --only=*) ONLY=${1#--only=} ;;
+    --out) [ $# -ge 2 ] || die "--out needs a directory"; OUT=$2; shift ;;
+    --out=*) OUT=${1#--out=} ;;
+    --corpora) [ $# -ge 2 ] || die "--corpora needs a directory"; CORPORA=$2; shift ;;
+    --corpora=*) CORPORA=${1#--corpora=} ;;
+    --no-peers) PEERS=0 ;;
+    --write-results) WRITE_RESULTS=1 ;;
+    -h|--help) usage 0 ;;
+    -*) die "unknown option $1 (see --help)" ;;
+    *) [ -z "$MHBOOST" ] || die "one program only (got $MHBOOST and $1)"
+       MHBOOST=$1 ;;
+  esac
+  shift
+done
+[ -n "$MHBOOST" ] || usage
+[ -x "$MHBOOST" ] || die "$MHBOOST is not an executable program (make build makes build/mhboost)"
+MHBOOST=$(realpath "$MHBOOST")
+
+# ---------------------------------------------------------------------------
+# Selection
+
+SELECTED=()
+for c in "${CONFIGS[@]}"; do
+  IFS='|' read -r name stem _ <<<"$c"
+  if [ -z "$ONLY" ] || [[ ",$ONLY," == *",$name,"* ]] || [[ ",$ONLY," == *",$stem,"* ]]; then
+    SELECTED+=("$c")
+  fi
+done
+[ ${#SELECTED[@]} -gt 0 ] || die "--only $ONLY matches no configuration (names: $(for c in "${CONFIGS[@]}"; do printf '%s ' "${c%%|*}"; done))"
+if [ -n "$ONLY" ]; then
+  IFS=',' read -r -a wanted <<<"$ONLY"
+  for w in "${wanted[@]}"; do
+    found=0
+    for c in "${CONFIGS[@]}"; do
+      IFS='|' read -r name stem _ <<<"$c"
+      [ "$w" = "$name" ] || [ "$w" = "$stem" ] && found=1
+    done
+    [ $found = 1 ] || die "--only: no configuration or task named $w"
+  done
+fi
+STEMS=()
+for c in "${SELECTED[@]}"; do
+  IFS='|' read -r _ stem _ <<<"$c"
+  [[ " ${STEMS[*]-} " == *" $stem "* ]] || STEMS+=("$stem")
+done
+
+# ---------------------------------------------------------------------------
+# Packages: installed only when missing
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+APT_UPDATED=0
+apt_update() {
+  if [ $APT_UPDATED = 0 ]; then
+    # the English lists carry the long package descriptions debpkg is made of
+    as_root apt-get update -o Acquire::Languages=en
+    APT_UPDATED=1
+  fi
+}
+
+ensure_packages() {
+  local missing=() p
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'ok installed' || missing+=("$p")
+  done
+  if [ ${#missing[@]} -gt 0 ]; then
+    echo "installing ${missing[*]}" >&2
+    apt_update
+    as_root env DEBIAN_FRONTEND=noninteractive \
+      apt-get install -y --no-install-recommends "${missing[@]}"
+  fi
+}
+
+ensure_packages time python3
+[ -x "$SYS_PYTHON" ] || die "$SYS_PYTHON is missing"
+
+# ---------------------------------------------------------------------------
+# Corpora
+
+MISSING=()
+for s in "${STEMS[@]}"; do
+  for suffix in names data test; do
+    if [ ! -f "$CORPORA/$s.$suffix" ]; then MISSING+=("$s"); break; fi
+  done
+done
+if [ ${#MISSING[@]} -gt 0 ]; then
+  pkgs=()
+  for s in "${MISSING[@]}"; do
+    case "$s" in
+      debpkg*) pkgs+=(lz4) ;;
+      fortunes) pkgs+=(fortunes fortunes-min) ;;
+      wordnet) pkgs+=(wordnet-base) ;;
+      numeric-*) pkgs+=(python3-sklearn) ;;
+      mixed-*) pkgs+=(python3-statsmodels) ;;
+    esac
+  done
+  [ ${#pkgs[@]} -eq 0 ] || ensure_packages "${pkgs[@]}"
+  if [[ " ${MISSING[*]} " == *" debpkg"* ]]; then
+    lists=$(apt-config shell D Dir::State::lists/d | sed -n "s/^D='\(.*\)'$/\1/p")
+    if ! ls "${lists:-/var/lib/apt/lists}" 2>/dev/null | grep -q '_Translation-en'; then
+      apt_update
+    fi
+  fi
+  mkdir -p "$CORPORA"
+  echo "building corpora ${MISSING[*]} in $CORPORA" >&2
+  (IFS=,; "$SYS_PYTHON" "$BENCH/make_corpora.py" "$CORPORA" --only "${MISSING[*]}") >&2
+fi
+CORPORA=$(realpath "$CORPORA")
+
+if [ $PEERS = 1 ]; then
+  ensure_packages python3-numpy python3-scipy python3-sklearn python3-xgboost
+fi
+
+# ---------------------------------------------------------------------------
+# Machine and load.  The CPU time that other processes take during the run is
+# the machine's busy time (from /proc/stat) less what this script's children
+# used (bash's `times`).
+
+cpu_busy_ticks() {
+  awk '/^cpu /{print $2+$3+$4+$7+$8; exit}' /proc/stat
+}
+children_cpu_seconds() {
+  # second line of `times`: children's user and system time, as 1m2.345s
+  times | awk 'NR==2 {
+    t = 0
+    for (i = 1; i <= 2; i++) { split($i, a, "m"); sub("s", "", a[2]); t += a[1] * 60 + a[2] }
+    printf "%.3f\n", t }'
+}
+
+# only what an earlier run left here is removed, never the directory itself
+mkdir -p "$OUT"
+rm -rf "$OUT/runs" "$OUT/peers" "$OUT/meta.txt" "$OUT/mhboost.tsv" "$OUT/RESULTS.md"
+mkdir -p "$OUT/runs" "$OUT/peers"
+OUT=$(realpath "$OUT")
+META="$OUT/meta.txt"
+TSV="$OUT/mhboost.tsv"
+{
+  echo "date=$(date -u '+%Y-%m-%d %H:%M UTC')"
+  echo "cpu=$(lscpu | sed -n 's/^Model name: *//p' | head -1)"
+  echo "cores=$(nproc)"
+  echo "memory=$(awk '/^MemTotal/{printf "%.1f GiB", $2/1048576}' /proc/meminfo)"
+  echo "uptime_start=$(uptime)"
+  echo "load_start=$(cut -d' ' -f1 /proc/loadavg)"
+  echo "mhboost=$MHBOOST"
+  echo "commit=$(git -C "$REPO" describe --always --dirty 2>/dev/null || echo unknown)"
+  echo "command=$COMMAND_LINE"
+  echo "corpora=$CORPORA"
+  echo "quick=$QUICK"
+  echo "peer_python=$SYS_PYTHON"
+} >"$META"
+
+TICK=$(getconf CLK_TCK)
+BUSY0=$(cpu_busy_ticks)
+OWN0=$(children_cpu_seconds)
+WALL0=$EPOCHREALTIME
+
+# ---------------------------------------------------------------------------
+# mhboost
+
+# run_timed DIR LABEL CMD...: runs CMD in DIR with its output in DIR/LABEL.out
+# and .err; sets ELAPSED (seconds), PEAK_KIB and STATUS.
+run_timed() {
+  local dir=$1 label=$2
+  shift 2
+  local t0 t1
+  t0=$EPOCHREALTIME
+  set +e
+  (cd "$dir" && /usr/bin/time -f '%M' -o "$label.mem" "$@" >"$label.out" 2>"$label.err")
+  STATUS=$?
+  set -e
+  t1=$EPOCHREALTIME
+  ELAPSED=$(awk -v a="$t0" -v b="$t1" 'BEGIN{printf "%.3f", b - a}')
+  PEAK_KIB=$(tail -1 "$dir/$label.mem" 2>/dev/null | grep -E '^[0-9]+$' || echo 0)
+}
+
+printf 'name\ttask\toptions\trounds_asked\trounds\trules\toccurrences\tbuild_s\ttotal_s\tper_round_s\tpeak_kib\tbuild_peak_kib\ttrain_err\ttest_err\tstatus\tcommand\n' >"$TSV"
+
+for c in "${SELECTED[@]}"; do
+  IFS='|' read -r name stem opts rounds qrounds <<<"$c"
+  [ $QUICK = 1 ] && rounds=$qrounds
+  dir="$OUT/runs/$name"
+  mkdir -p "$dir"
+  # the stem's files, linked: the model this run writes stays in its own dir
+  for suffix in names data test; do
+    ln -s "$CORPORA/$stem.$suffix" "$dir/$stem.$suffix"
+  done
+
+  # rules and occurrences, counted from the data (cached: counting the
+  # sparse grams of debpkg takes a while)
+  mode=sgram window=1
+  read -r -a words <<<"$opts"
+  for ((i = 0; i < ${#words[@]}; i++)); do
+    case "${words[i]}" in
+      -N) mode=${words[i+1]} ;;
+      -W) window=${words[i+1]} ;;
+    esac
+  done
+  echo "== $name: counting rules" >&2
+  read -r rules occurrences < <("$SYS_PYTHON" "$BENCH/count_rules.py" "$CORPORA/$stem" \
+      -N "$mode" -W "$window" --cache "$BENCH/out/rule-counts") || { rules=?; occurrences=?; }
+
+  # $opts is split into words on purpose
+  echo "== $name: mhboost -S $stem${opts:+ $opts} -n 0" >&2
+  run_timed "$dir" build "$MHBOOST" -S "$stem" $opts -n 0
+  build_s=$ELAPSED build_peak=$PEAK_KIB build_status=$STATUS
+  rm -f "$dir/$stem.shyp"
+
+  echo "== $name: mhboost -S $stem${opts:+ $opts} -n $rounds" >&2
+  run_timed "$dir" train "$MHBOOST" -S "$stem" $opts -n "$rounds"
+  total_s=$ELAPSED peak=$PEAK_KIB status=$STATUS
+
+  last=$(grep -E '^rnd +[0-9]+:' "$dir/train.out" | tail -1 || true)
+  done_rounds=$(sed -nE 's/^rnd +([0-9]+):.*/\1/p' <<<"$last")
+  train_err=$(sed -nE 's/.* train= *([0-9.eE+-]+|-?nan).*/\1/p' <<<"$last")
+  test_err=$(sed -nE 's/.* test= *([0-9.eE+-]+|-?nan).*/\1/p' <<<"$last")
+  if [ "$status" != 0 ] || [ "$build_status" != 0 ]; then
+    state="failed (exit $status, build run exit $build_status)"
+    echo "   $name failed; see $dir/train.err:" >&2
+    tail -n 5 "$dir/train.err" "$dir/build.err" >&2 || true
+  else
+    state=ok
+  fi
+  per_round=$(awk -v t="$total_s" -v b="$build_s" -v n="${done_rounds:-0}" \
+      'BEGIN{ if (n > 0) printf "%.5f", (t - b) / n; else print "" }')
+  printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' \
+    "$name" "$stem" "$opts" "$rounds" "${done_rounds:-0}" "$rules" "$occurrences" \
+    "$build_s" "$total_s" "$per_round" "$peak" "$build_peak" "$train_err" "$test_err" \
+    "$state" "mhboost -S $stem${opts:+ $opts} -n $rounds" >>"$TSV"
+  echo "   rules $rules, build ${build_s}s, total ${total_s}s, ${per_round}s/round, peak $((peak / 1024)) MiB, train $train_err, test $test_err" >&2
+done
+
+# ---------------------------------------------------------------------------
+# Peers, one task at a time; peers.py runs each learner in a child of its own
+
+if [ $PEERS = 1 ]; then
+  prounds=$PEER_ROUNDS
+  [ $QUICK = 1 ] && prounds=$PEER_ROUNDS_QUICK
+  echo "peer_rounds=$prounds" >>"$META"
+  for s in "${STEMS[@]}"; do
+    echo "== peers on $s: peers.py $s -n $prounds" >&2
+    set +e
+    "$SYS_PYTHON" "$BENCH/peers.py" "$CORPORA" "$s" -n "$prounds" \
+      --tsv "$OUT/peers/$s.tsv" >"$OUT/peers/$s.log" 2>&1
+    pstatus=$?
+    set -e
+    [ $pstatus = 0 ] || echo "   peers.py on $s exited with $pstatus; see $OUT/peers/$s.log" >&2
+    cat "$OUT/peers/$s.log" >&2
+  done
+fi
+
+WALL1=$EPOCHREALTIME
+BUSY1=$(cpu_busy_ticks)
+OWN1=$(children_cpu_seconds)
+awk -v w0="$WALL0" -v w1="$WALL1" -v b0="$BUSY0" -v b1="$BUSY1" -v o0="$OWN0" \
+    -v o1="$OWN1" -v hz="$TICK" 'BEGIN {
+  wall = w1 - w0; busy = (b1 - b0) / hz; own = o1 - o0; other = busy - own
+  if (other < 0) other = 0
+  printf "wall_s=%.1f\nbusy_cpu_s=%.1f\nown_cpu_s=%.1f\nother_cores=%.2f\n", wall, busy, own, (wall > 0 ? other / wall : 0)
+}' >>"$META"
+echo "uptime_end=$(uptime)" >>"$META"
+
+"$SYS_PYTHON" "$BENCH/report.py" "$OUT" >"$OUT/RESULTS.md"
+cat "$OUT/RESULTS.md"
+if [ $WRITE_RESULTS = 1 ]; then
+  cp "$OUT/RESULTS.md" "$BENCH/RESULTS.md"
+  echo "wrote $BENCH/RESULTS.md" >&2
+fi
