@@ -4,11 +4,11 @@
 #   bench/run.sh MHBOOST [--quick] [--only NAME,...] [--out DIR]
 #                [--corpora DIR] [--no-peers] [--write-results]
 #
-# Builds the corpora into a cache when they are missing (bench/make_corpora.py
+# Builds the corpora into a cache when they are missing (the workplace's shared/corpora/make_corpora.py
 # from data that Debian packages install; missing packages are installed with
 # apt-get), runs mhboost on a fixed set of configurations, each in a
 # directory of its own so that models never clash, then the peers
-# (bench/peers.py: XGBoost stumps, scikit-learn AdaBoost, linear SVM), and
+# (shared/corpora/peers.py: XGBoost stumps, scikit-learn AdaBoost, linear SVM), and
 # prints Markdown tables.
 #
 #   --quick          a tenth of the rounds (peers: 10 rounds instead of 100)
@@ -24,6 +24,16 @@
 set -euo pipefail
 
 BENCH=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# The corpus builder and the peer runner are the workplace's own scripts,
+# found beside the repository (shared/corpora), not copies of ours.
+SHARED_CORPORA=""
+for d in "$BENCH/../../shared/corpora" "$BENCH/../../../shared/corpora"; do
+  if [ -f "$d/make_corpora.py" ]; then SHARED_CORPORA=$(cd "$d" && pwd); break; fi
+done
+if [ -z "$SHARED_CORPORA" ]; then
+  echo "bench: cannot find shared/corpora (make_corpora.py, peers.py) beside the repository" >&2
+  exit 1
+fi
 REPO=$(dirname "$BENCH")
 SYS_PYTHON=/usr/bin/python3
 
@@ -167,7 +177,7 @@ if [ ${#MISSING[@]} -gt 0 ]; then
   fi
   mkdir -p "$CORPORA"
   echo "building corpora ${MISSING[*]} in $CORPORA" >&2
-  (IFS=,; "$SYS_PYTHON" "$BENCH/make_corpora.py" "$CORPORA" --only "${MISSING[*]}") >&2
+  (IFS=,; "$SYS_PYTHON" "$SHARED_CORPORA/make_corpora.py" "$CORPORA" --only "${MISSING[*]}") >&2
 fi
 CORPORA=$(realpath "$CORPORA")
 
@@ -303,7 +313,7 @@ if [ $PEERS = 1 ]; then
   for s in "${STEMS[@]}"; do
     echo "== peers on $s: peers.py $s -n $prounds" >&2
     set +e
-    "$SYS_PYTHON" "$BENCH/peers.py" "$CORPORA" "$s" -n "$prounds" \
+    "$SYS_PYTHON" "$SHARED_CORPORA/peers.py" "$CORPORA" "$s" -n "$prounds" \
       --tsv "$OUT/peers/$s.tsv" >"$OUT/peers/$s.log" 2>&1
     pstatus=$?
     set -e
