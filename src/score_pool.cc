@@ -87,7 +87,7 @@ std::vector<Thread_Table> thread_tables;
 // Sums of the last expert scored by the abstaining scan (for a winner of a
 // type that scan does not score).
 int last_scored = -1;
-double* last_D = nullptr;
+[[maybe_unused]] double* last_D = nullptr;
 
 double* zeroed(int k) { return static_cast<double*>(calloc(k > 0 ? k : 1, sizeof(double))); }
 
@@ -140,8 +140,7 @@ void ensure_block_storage(int k) {
 
 // Adds the rows of `list` into acc, lane by lane in list order. Lanes are
 // independent, so the vector versions add the same numbers in the same
-// order as the plain loop and give the same bits. Each pass keeps up to 32
-// lanes in registers while it walks the list.
+// order as the plain loop and give the same bits.
 void add_rows_plain(double* __restrict acc, const double* __restrict rows,
                     const int* __restrict list, int n, int k) {
   for (int j = 0; j < n; ++j) {
@@ -150,31 +149,48 @@ void add_rows_plain(double* __restrict acc, const double* __restrict rows,
   }
 }
 
+// One pass of up to 8 * V lanes starting at lane c, accumulators in
+// registers for the whole list.
+template <int V>
+__attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pass(
+    double* __restrict acc, const double* __restrict rows, const int* __restrict list, int n,
+    int k, int c, int c1) {
+  __mmask8 mask[V];
+  __m512d a[V];
+  for (int v = 0; v < V; ++v) {
+    const int left = c1 - (c + 8 * v);
+    mask[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
+    a[v] = _mm512_maskz_loadu_pd(mask[v], acc + c + 8 * v);
+  }
+  for (int j = 0; j < n; ++j) {
+    const double* row = rows + static_cast<size_t>(list[j]) * k + c;
+    for (int v = 0; v < V; ++v) a[v] = _mm512_add_pd(a[v], _mm512_maskz_loadu_pd(mask[v], row + 8 * v));
+  }
+  for (int v = 0; v < V; ++v) _mm512_mask_storeu_pd(acc + c + 8 * v, mask[v], a[v]);
+}
+
+// Whole rows in one pass where they fit in registers, so that each row is
+// fetched once.
 __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict acc,
                                                        const double* __restrict rows,
                                                        const int* __restrict list, int n,
                                                        int k) {
-  for (int c = 0; c < k; c += 32) {
-    __mmask8 mask[4];
-    for (int v = 0; v < 4; ++v) {
-      const int left = k - (c + 8 * v);
-      mask[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
+  for (int c = 0; c < k;) {
+    const int lanes = k - c;
+    if (lanes <= 16) {
+      add_rows_avx512_pass<2>(acc, rows, list, n, k, c, k);
+      c += 16;
+    } else if (lanes <= 32) {
+      add_rows_avx512_pass<4>(acc, rows, list, n, k, c, k);
+      c += 32;
+    } else if (lanes <= 64) {
+      add_rows_avx512_pass<8>(acc, rows, list, n, k, c, k);
+      c += 64;
+    } else {
+      const int end = lanes <= 128 ? k : c + 128;
+      add_rows_avx512_pass<16>(acc, rows, list, n, k, c, end);
+      c += 128;
     }
-    __m512d a0 = _mm512_maskz_loadu_pd(mask[0], acc + c);
-    __m512d a1 = _mm512_maskz_loadu_pd(mask[1], acc + c + 8);
-    __m512d a2 = _mm512_maskz_loadu_pd(mask[2], acc + c + 16);
-    __m512d a3 = _mm512_maskz_loadu_pd(mask[3], acc + c + 24);
-    for (int j = 0; j < n; ++j) {
-      const double* row = rows + static_cast<size_t>(list[j]) * k + c;
-      a0 = _mm512_add_pd(a0, _mm512_maskz_loadu_pd(mask[0], row));
-      a1 = _mm512_add_pd(a1, _mm512_maskz_loadu_pd(mask[1], row + 8));
-      a2 = _mm512_add_pd(a2, _mm512_maskz_loadu_pd(mask[2], row + 16));
-      a3 = _mm512_add_pd(a3, _mm512_maskz_loadu_pd(mask[3], row + 24));
-    }
-    _mm512_mask_storeu_pd(acc + c, mask[0], a0);
-    _mm512_mask_storeu_pd(acc + c + 8, mask[1], a1);
-    _mm512_mask_storeu_pd(acc + c + 16, mask[2], a2);
-    _mm512_mask_storeu_pd(acc + c + 24, mask[3], a3);
   }
 }
 
@@ -225,38 +241,56 @@ void replay_plain(double* __restrict t, const double* __restrict sums, const int
   }
 }
 
-// Keeps 64 lanes of totals in registers while it walks the block. The
-// clamp is an ordered "below zero" test, so a NaN stays NaN as in the
-// plain loop.
+// Keeps up to 128 lanes of totals in registers while it walks the block,
+// so each expert's sums are read once. The clamp is an ordered "below zero"
+// test, so a NaN stays NaN as in the plain loop.
+template <int V>
+__attribute__((target("avx512f"), always_inline)) inline void replay_avx512_pass(
+    double* __restrict t, const double* __restrict sums, const int* __restrict slot,
+    const uint8_t* __restrict keep, int n, double* __restrict U, int two_k, int c, int c1) {
+  const __m512d zero = _mm512_setzero_pd();
+  __mmask8 mask[V];
+  __m512d tv[V];
+  for (int v = 0; v < V; ++v) {
+    const int left = c1 - (c + 8 * v);
+    mask[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
+    tv[v] = _mm512_maskz_loadu_pd(mask[v], t + c + 8 * v);
+  }
+  for (int j = 0; j < n; ++j) {
+    const double* a = sums + static_cast<size_t>(slot[j]) * two_k + c;
+    double* u = U + static_cast<size_t>(j) * two_k + c;
+    // Only candidates keep their state: most experts are passed over.
+    const __mmask8 store = keep[j] ? 0xFF : 0;
+    for (int v = 0; v < V; ++v) {
+      const __m512d av = _mm512_maskz_loadu_pd(mask[v], a + 8 * v);
+      const __m512d dv = _mm512_sub_pd(tv[v], av);
+      const __m512d uv = _mm512_mask_mov_pd(dv, _mm512_cmp_pd_mask(dv, zero, _CMP_LT_OQ), zero);
+      tv[v] = _mm512_add_pd(uv, av);
+      _mm512_mask_storeu_pd(u + 8 * v, mask[v] & store, uv);
+    }
+  }
+  for (int v = 0; v < V; ++v) _mm512_mask_storeu_pd(t + c + 8 * v, mask[v], tv[v]);
+}
+
 __attribute__((target("avx512f"))) void replay_avx512(double* __restrict t,
                                                      const double* __restrict sums,
                                                      const int* __restrict slot,
                                                      const uint8_t* __restrict keep, int n,
                                                      double* __restrict U, int two_k, int c0,
                                                      int c1) {
-  const __m512d zero = _mm512_setzero_pd();
-  for (int c = c0; c < c1; c += 64) {
-    __mmask8 mask[8];
-    __m512d tv[8];
-    for (int v = 0; v < 8; ++v) {
-      const int left = c1 - (c + 8 * v);
-      mask[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
-      tv[v] = _mm512_maskz_loadu_pd(mask[v], t + c + 8 * v);
+  for (int c = c0; c < c1;) {
+    const int lanes = c1 - c;
+    if (lanes <= 32) {
+      replay_avx512_pass<4>(t, sums, slot, keep, n, U, two_k, c, c1);
+      c += 32;
+    } else if (lanes <= 64) {
+      replay_avx512_pass<8>(t, sums, slot, keep, n, U, two_k, c, c1);
+      c += 64;
+    } else {
+      const int end = lanes <= 128 ? c1 : c + 128;
+      replay_avx512_pass<16>(t, sums, slot, keep, n, U, two_k, c, end);
+      c += 128;
     }
-    for (int j = 0; j < n; ++j) {
-      const double* a = sums + static_cast<size_t>(slot[j]) * two_k + c;
-      double* u = U + static_cast<size_t>(j) * two_k + c;
-      // Only candidates keep their state: most experts are passed over.
-      const __mmask8 store = keep[j] ? 0xFF : 0;
-      for (int v = 0; v < 8; ++v) {
-        const __m512d av = _mm512_maskz_loadu_pd(mask[v], a + 8 * v);
-        const __m512d dv = _mm512_sub_pd(tv[v], av);
-        const __m512d uv = _mm512_mask_mov_pd(dv, _mm512_cmp_pd_mask(dv, zero, _CMP_LT_OQ), zero);
-        tv[v] = _mm512_add_pd(uv, av);
-        _mm512_mask_storeu_pd(u + 8 * v, mask[v] & store, uv);
-      }
-    }
-    for (int v = 0; v < 8; ++v) _mm512_mask_storeu_pd(t + c + 8 * v, mask[v], tv[v]);
   }
 }
 
@@ -309,7 +343,7 @@ void sum_list(const text_expert_rec& x, int k, double* a0, double* a1) {
 }
 
 // The weights with the carried labels zeroed, for the current round.
-void fill_negative_rows(const double* D) {
+[[maybe_unused]] void fill_negative_rows(const double* D) {
   const size_t mk = static_cast<size_t>(data_set->num_train) * num_labels;
   negative_rows.resize(mk);
   const uint8_t* y = label_rows.data();
@@ -359,7 +393,7 @@ void for_slots_balanced(int nslots, const Fn& fn) {
 // Scores the term experts [b, e) of the non-abstaining scan (weights from
 // fill_negative_rows) against the
 // totals T (W[0]), updating best / best_index in array order.
-void scan_term_block(int b, int e, weight_table W, double* best,
+[[maybe_unused]] void scan_term_block(int b, int e, weight_table W, double* best,
                      int* best_index) {
   const int k = num_labels;
   const size_t two_k = 2 * static_cast<size_t>(k);
@@ -477,6 +511,65 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   }
 }
 
+#ifdef MHBOOST_REFERENCE_SCAN
+// The scan read literally: one scoring call per expert, in array order, on
+// one shared table. Built only into the reference binary that the tests
+// compare the fast scan with.
+int Score_Pool_Search(double* D, weight_table W, int abstaining) {
+  const int k = num_labels;
+  unsigned char** y = data_set->train_labels;
+  double best = 1.0;
+  int best_index = 0;
+  long double score = 0;
+  for (int e = 0; e < num_experts; ++e) {
+    text_expert_rec* x = &experts[e];
+    if (!abstaining) {
+      if (x->type == kTypeFgram)
+        score = Text_Expert_Table_Exp_Loss(D, x, y, k, W);
+      else if (x->type == kTypeThreshold)
+        score = Text_Expert_Table_Exp_Loss_Threshold(D, x, y, k, W);
+      else
+        score = Text_Expert_Table_Exp_Loss_Linear(D, x, y, k, W);
+    } else if (x->type == kTypeFgram) {
+      score = Text_Expert_Table_Exp_Loss_Randomized(D, x, y, k, W);
+    } else if (x->type == kTypeThreshold) {
+      score = Text_Expert_Table_Exp_Loss_Threshold_Randomized(D, x, y, k, W);
+    }
+    if (static_cast<double>(score) < best) {
+      best = static_cast<double>(score);
+      best_index = e;
+    }
+  }
+  last_scored = -1;  // the table already holds the last scored expert's sums
+  return best_index;
+}
+
+void Score_Pool_Last_Table(weight_table, int) {}
+
+int Score_Pool_Search_Discrete(double* s, double* S, int abstain, double* result[3]) {
+  const int k = num_labels;
+  double* c[3] = {zeroed(k), zeroed(k), zeroed(k)};
+  double best = 1.0;
+  int best_index = 0;
+  for (int e = 0; e < num_experts; ++e) {
+    text_expert_rec* x = &experts[e];
+    double score;
+    if (x->type == kTypeThreshold)
+      score = abstain ? Text_Expert_PLoss_Threshold_Randomized(s, x, k, S, c[0], c[1], c[2])
+                      : Text_Expert_PLoss_Threshold(s, x, k, S, c[0], c[1], c[2]);
+    else
+      score = abstain ? Text_Expert_PLoss_Randomized(s, x, k, S, c[0], c[1])
+                      : Text_Expert_PLoss(s, x, k, S, c[0], c[1]);
+    if (score < best) {
+      best = score;
+      best_index = e;
+      for (int r = 0; r < 3; ++r) memcpy(result[r], c[r], sizeof(double) * k);
+    }
+  }
+  for (double* v : c) free(v);
+  return best_index;
+}
+#else
 int Score_Pool_Search(double* D, weight_table W, int abstaining) {
   const int k = num_labels;
   unsigned char** y = data_set->train_labels;
@@ -609,3 +702,4 @@ int Score_Pool_Search_Discrete(double* s, double* S, int abstain, double* result
   }
   return best_index;
 }
+#endif  // MHBOOST_REFERENCE_SCAN
