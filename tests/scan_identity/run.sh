@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# The fast rule scan must give byte-identical round lines and model files to
+# the literal one-rule-at-a-time scan, for every learner and thread count.
+#   run.sh MHBOOST MHBOOST_REFERENCE
+set -u
+fast=$1
+ref=$2
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+python3 "$here/make_data.py" "$work" adv 7
+cp "$here/../../examples/news."* "$work/"
+
+passed=0
+failed=0
+check() {  # stem, options...
+  local stem=$1
+  shift
+  (cd "$work" && "$ref" -S "$stem" "$@" > ref.out 2> /dev/null && cp "$stem.shyp" ref.shyp)
+  for t in 1 2 7; do
+    (cd "$work" && "$fast" -S "$stem" "$@" -T $t > fast.out 2> /dev/null)
+    if cmp -s "$work/ref.out" "$work/fast.out" && cmp -s "$work/ref.shyp" "$work/$stem.shyp"; then
+      passed=$((passed + 1))
+    else
+      failed=$((failed + 1))
+      echo "FAIL: $stem $* -T $t"
+      diff "$work/ref.out" "$work/fast.out" | head -5
+    fi
+  done
+}
+
+for stem in adv news; do
+  check "$stem" -n 12 -W 3
+  check "$stem" -n 12 -N ngram -W 2
+  check "$stem" -n 10 -R -W 2
+  check "$stem" -n 10 -z
+  check "$stem" -n 10 -z -R
+  check "$stem" -n 10 -l
+  check "$stem" -n 8 -L
+  check "$stem" -n 8 -u -W 2
+done
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
