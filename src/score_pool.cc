@@ -38,6 +38,9 @@
 
 #include <immintrin.h>
 
+#include <sys/mman.h>
+
+#include "die.h"
 #include "parallel.h"
 
 namespace {
@@ -61,7 +64,10 @@ std::vector<int> positive_start;
 std::vector<int> positive_label;
 std::vector<double> positive_weight;  // per round: D of each carried label
 // Per round: the weights of the labels an example does not carry.
-std::vector<double> negative_rows;
+// Rows are read at random every round: the block sits on huge pages where
+// the system offers them, so that reading a row rarely misses the TLB.
+double* negative_rows = nullptr;
+size_t negative_capacity = 0;
 // For each expert, the previous expert with an identical training list
 // (-1 if none, or if the expert is not a term expert).
 std::vector<int> prev_twin;
@@ -163,6 +169,11 @@ __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pa
     a[v] = _mm512_maskz_loadu_pd(mask[v], acc + c + 8 * v);
   }
   for (int j = 0; j < n; ++j) {
+    // Rows are scattered: ask for the row a few occurrences ahead.
+    if (j + 8 < n) {
+      const char* ahead = reinterpret_cast<const char*>(rows + static_cast<size_t>(list[j + 8]) * k + c);
+      for (int line = 0; line < V * 64; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
+    }
     const double* row = rows + static_cast<size_t>(list[j]) * k + c;
     for (int v = 0; v < V; ++v) a[v] = _mm512_add_pd(a[v], _mm512_maskz_loadu_pd(mask[v], row + 8 * v));
   }
@@ -327,12 +338,7 @@ void choose_kernels() {
 // weights with every carried label's entry set to +0.0, which changes no
 // bit of a sum); A1 adds only the few carried labels of each example, whose
 // weights are gathered per round next to their labels.
-void sum_list(const text_expert_rec& x, int k, double* a0, double* a1) {
-  for (int l = 0; l < k; ++l) {
-    a0[l] = 0.0;
-    a1[l] = 0.0;
-  }
-  add_rows(a0, negative_rows.data(), x.train_index, x.num_train, k);
+void add_positives(const text_expert_rec& x, double* a1) {
   const int* start = positive_start.data();
   const int* label = positive_label.data();
   const double* weight = positive_weight.data();
@@ -342,10 +348,60 @@ void sum_list(const text_expert_rec& x, int k, double* a0, double* a1) {
   }
 }
 
+// Lists at least this long are summed a band of rows at a time, all of a
+// thread's long lists together, so that a band read once from memory
+// serves every list that has entries in it. Each list still adds its rows
+// in its own order, band after band.
+constexpr int kLongList = 48;
+constexpr int kBandRows = 1024;
+
+// Sums A0/A1 of slots [s0, s1).
+void sum_slots(int s0, int s1, int k) {
+  const size_t two_k = 2 * static_cast<size_t>(k);
+  std::vector<int> longs;
+  for (int s = s0; s < s1; ++s) {
+    const text_expert_rec& x = experts[slot_expert[s]];
+    double* a0 = &sums[s * two_k];
+    for (size_t c = 0; c < two_k; ++c) a0[c] = 0.0;
+    if (x.num_train >= kLongList)
+      longs.push_back(s);
+    else
+      add_rows(a0, negative_rows, x.train_index, x.num_train, k);
+  }
+  if (!longs.empty()) {
+    std::vector<int> cursor(longs.size(), 0);
+    const int m = data_set->num_train;
+    for (int band = 0; band < m; band += kBandRows) {
+      const int band_end = band + kBandRows;
+      for (size_t q = 0; q < longs.size(); ++q) {
+        const text_expert_rec& x = experts[slot_expert[longs[q]]];
+        int end = cursor[q];
+        while (end < x.num_train && x.train_index[end] < band_end) ++end;
+        if (end > cursor[q])
+          add_rows(&sums[longs[q] * two_k], negative_rows, x.train_index + cursor[q],
+                   end - cursor[q], k);
+        cursor[q] = end;
+      }
+    }
+  }
+  for (int s = s0; s < s1; ++s) add_positives(experts[slot_expert[s]], &sums[s * two_k] + k);
+}
+
 // The weights with the carried labels zeroed, for the current round.
 [[maybe_unused]] void fill_negative_rows(const double* D) {
   const size_t mk = static_cast<size_t>(data_set->num_train) * num_labels;
-  negative_rows.resize(mk);
+  if (negative_capacity < mk) {
+    free(negative_rows);
+    constexpr size_t kHuge = size_t{2} << 20;
+    const size_t bytes = ((mk * sizeof(double)) + kHuge - 1) / kHuge * kHuge;
+    negative_rows = static_cast<double*>(aligned_alloc(kHuge, bytes));
+    if (negative_rows == nullptr) {
+      perror("Malloc");
+      Exit_Run(1);
+    }
+    madvise(negative_rows, bytes, MADV_HUGEPAGE);
+    negative_capacity = mk;
+  }
   const uint8_t* y = label_rows.data();
   for (size_t j = 0; j < mk; ++j) negative_rows[j] = y[j] ? 0.0 : D[j];
   positive_weight.resize(positive_label.size());
@@ -372,10 +428,10 @@ int assign_slots(int b, int e) {
   return nslots;
 }
 
-// Runs fn over slots [0, nslots) split so that each thread gets about the
-// same number of occurrences.
+// Runs fn(s0, s1) over slots [0, nslots) split into one range per thread
+// with about the same number of occurrences each.
 template <typename Fn>
-void for_slots_balanced(int nslots, const Fn& fn) {
+void for_slot_ranges(int nslots, const Fn& fn) {
   const int threads = pool->Size();
   const long total = work_prefix[nslots];
   pool->Run(threads, [&](int t0, int t1, int) {
@@ -385,7 +441,7 @@ void for_slots_balanced(int nslots, const Fn& fn) {
       int s0 = static_cast<int>(std::lower_bound(work_prefix.begin(), work_prefix.begin() + nslots, lo) - work_prefix.begin());
       int s1 = static_cast<int>(std::lower_bound(work_prefix.begin(), work_prefix.begin() + nslots, hi) - work_prefix.begin());
       if (t == threads - 1) s1 = nslots;
-      for (int s = s0; s < s1; ++s) fn(s, t);
+      if (s0 < s1) fn(s0, s1);
     }
   });
 }
@@ -414,13 +470,15 @@ void for_slots_balanced(int nslots, const Fn& fn) {
   if (!std::isfinite(limit)) limit = HUGE_VAL;
 
   const int nslots = assign_slots(b, e);
-  for_slots_balanced(nslots, [&](int s, int) {
-    double* a0 = &sums[s * two_k];
-    double* a1 = a0 + k;
-    sum_list(experts[slot_expert[s]], k, a0, a1);
+  for_slot_ranges(nslots, [&](int s0, int s1) { sum_slots(s0, s1, k); });
+  pool->Run(nslots, [&](int s0, int s1, int) {
+    for (int s = s0; s < s1; ++s) {
+    const double* a0 = &sums[s * two_k];
+    const double* a1 = a0 + k;
     double lin = 0.0;
     for (int l = 0; l < k; ++l) lin += r0[l] * a0[l] + r1[l] * a1[l];
     bound[s] = g_total - lin;
+    }
   });
   const int n = e - b;
   for (int j = 0; j < n; ++j)

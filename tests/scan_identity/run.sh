@@ -3,8 +3,8 @@
 # the literal one-rule-at-a-time scan, for every learner and thread count.
 #   run.sh MHBOOST MHBOOST_REFERENCE
 set -u
-fast=$1
-ref=$2
+fast=$(realpath "$1")
+ref=$(realpath "$2")
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
