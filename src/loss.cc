@@ -141,10 +141,16 @@ long double Text_Expert_Table_Exp_Loss_Randomized(double* D, text_expert_rec* e,
   return score + 0.5 * (1 - total);
 }
 
-long double Text_Expert_Table_Exp_Loss_Threshold(double* D, text_expert_rec* e,
-                                                 unsigned char** labels, int k,
-                                                 weight_table W) {
-  std::vector<double> terms(k);
+namespace {
+
+// The threshold sweep shared by both threshold members: every known-valued
+// example starts at or above the threshold (region 2) and moves below it
+// (region 1) in order of value; between two different values, and at both
+// ends, score_at(W) scores the split. The lowest-scoring position wins (the
+// first of equal scores) and its threshold is stored in the expert.
+template <typename Score>
+long double sweep_thresholds(const double* D, text_expert_rec* e, unsigned char** labels, int k,
+                             weight_table W, const Score& score_at) {
   const int n = e->num_train;
   const double* v = e->sorted_values;
   long double best = DBL_MAX;
@@ -165,61 +171,49 @@ long double Text_Expert_Table_Exp_Loss_Threshold(double* D, text_expert_rec* e,
       sub_example(row, labels[i], k, W[2][0], W[2][1]);
     }
     if (!(p == -1 || p == n - 1 || v[p + 1] != v[p])) continue;
-    totals_minus(W, k);
-    clamp(W[0][0], k);
-    clamp(W[0][1], k);
-    clamp(W[2][0], k);
-    clamp(W[2][1], k);
-    // Each label's term in double (vectorised across labels), then added
-    // into the score in label order.
-    for (int l = 0; l < k; ++l)
-      terms[l] = sqrt(W[0][0][l] * W[0][1][l]) + sqrt(W[1][0][l] * W[1][1][l]) +
-                 sqrt(W[2][0][l] * W[2][1][l]);
-    long double score = 0;
-    for (int l = 0; l < k; ++l) score += terms[l];
+    const long double score = score_at(W);
     if (score < best) {
       best = score;
       best_p = p;
     }
-    totals_plus(W, k);
   }
   e->threshold = Threshold_At(v, n, best_p);
   return best;
 }
 
+}  // namespace
+
+long double Text_Expert_Table_Exp_Loss_Threshold(double* D, text_expert_rec* e,
+                                                 unsigned char** labels, int k,
+                                                 weight_table W) {
+  std::vector<double> terms(k);
+  return sweep_thresholds(D, e, labels, k, W, [&](weight_table w) {
+    totals_minus(w, k);
+    clamp(w[0][0], k);
+    clamp(w[0][1], k);
+    clamp(w[2][0], k);
+    clamp(w[2][1], k);
+    // Each label's term in double (vectorised across labels), then added
+    // into the score in label order.
+    for (int l = 0; l < k; ++l)
+      terms[l] = sqrt(w[0][0][l] * w[0][1][l]) + sqrt(w[1][0][l] * w[1][1][l]) +
+                 sqrt(w[2][0][l] * w[2][1][l]);
+    long double score = 0;
+    for (int l = 0; l < k; ++l) score += terms[l];
+    totals_plus(w, k);
+    return score;
+  });
+}
+
 long double Text_Expert_Table_Exp_Loss_Threshold_Randomized(double* D, text_expert_rec* e,
                                                             unsigned char** labels, int k,
                                                             weight_table W) {
-  const int n = e->num_train;
-  const double* v = e->sorted_values;
-  long double best = DBL_MAX;
-  int best_p = -1;
-  for (int b = 0; b < 2; ++b) {
-    zero(W[1][b], k);
-    zero(W[2][b], k);
-  }
-  for (int j = 0; j < n; ++j) {
-    const int i = e->sorted_index[j];
-    add_example(D + static_cast<size_t>(i) * k, labels[i], k, W[2][0], W[2][1]);
-  }
-  for (int p = -1; p < n; ++p) {
-    if (p >= 0) {
-      const int i = e->sorted_index[p];
-      const double* row = D + static_cast<size_t>(i) * k;
-      add_example(row, labels[i], k, W[1][0], W[1][1]);
-      sub_example(row, labels[i], k, W[2][0], W[2][1]);
-    }
-    if (!(p == -1 || p == n - 1 || v[p + 1] != v[p])) continue;
-    clamp(W[2][0], k);
-    clamp(W[2][1], k);
-    long double score = abstaining_score(W, k);
-    if (score < best) {
-      best = score;
-      best_p = p;
-    }
-  }
-  e->threshold = Threshold_At(v, n, best_p);
-  return best;
+  // Unknown values abstain: the totals are not used.
+  return sweep_thresholds(D, e, labels, k, W, [&](weight_table w) {
+    clamp(w[2][0], k);
+    clamp(w[2][1], k);
+    return abstaining_score(w, k);
+  });
 }
 
 void Text_Expert_Table_Exp_Loss_Threshold_Best(double* D, text_expert_rec* e,
