@@ -58,16 +58,16 @@ Fork_Join_Pool* pool = nullptr;
 
 // Label bytes of all training examples, m rows of k, 0 or 1.
 std::vector<uint8_t> label_rows;
-// The labels each example carries: positive_label[positive_start[i] ..
-// positive_start[i + 1]).
-std::vector<int> positive_start;
-std::vector<int> positive_label;
-std::vector<double> positive_weight;  // per round: D of each carried label
+// The labels of each example as bit masks, one byte per group of eight
+// labels: bit b of byte g is set when the example carries label 8g + b.
+std::vector<uint8_t> label_masks;
+int mask_groups = 0;
 // Per round: the weights of the labels an example does not carry.
-// Rows are read at random every round: the block sits on huge pages where
-// the system offers them, so that reading a row rarely misses the TLB.
-double* negative_rows = nullptr;
-size_t negative_capacity = 0;
+// Per round: a copy of the weights. Rows are read at random, so the copy
+// sits on huge pages where the system offers them, and a row rarely misses
+// the TLB.
+double* weight_rows = nullptr;
+size_t weight_capacity = 0;
 // For each expert, the previous expert with an identical training list
 // (-1 if none, or if the expert is not a term expert).
 std::vector<int> prev_twin;
@@ -144,94 +144,90 @@ void ensure_block_storage(int k) {
   work_prefix.resize(kBlock + 1);
 }
 
-// Adds the rows of `list` into acc, lane by lane in list order. Lanes are
-// independent, so the vector versions add the same numbers in the same
-// order as the plain loop and give the same bits.
-void add_rows_plain(double* __restrict acc, const double* __restrict rows,
-                    const int* __restrict list, int n, int k) {
+// Adds the weight rows of `list` into a0 (labels the example does not
+// carry) and a1 (labels it carries), lane by lane in list order, exactly as
+// the sequential scoring adds each weight into the sum of its sign. The
+// vector version adds under the label masks: a lane that is masked off is
+// left untouched, so both versions give the same bits.
+void add_split_plain(double* __restrict a0, double* __restrict a1, const double* __restrict rows,
+                     const int* __restrict list, int n, int k) {
+  const uint8_t* y = label_rows.data();
   for (int j = 0; j < n; ++j) {
-    const double* __restrict row = rows + static_cast<size_t>(list[j]) * k;
-    for (int l = 0; l < k; ++l) acc[l] += row[l];
+    const size_t i = static_cast<size_t>(list[j]);
+    const double* row = rows + i * k;
+    const uint8_t* yr = y + i * k;
+    for (int l = 0; l < k; ++l) {
+      if (yr[l])
+        a1[l] += row[l];
+      else
+        a0[l] += row[l];
+    }
   }
 }
 
-// One pass of up to 8 * V lanes starting at lane c, accumulators in
-// registers for the whole list.
+// One pass over up to 8 * V lanes starting at lane c (a multiple of 8).
 template <int V>
-__attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pass(
-    double* __restrict acc, const double* __restrict rows, const int* __restrict list, int n,
-    int k, int c, int c1) {
-  __mmask8 mask[V];
-  __m512d a[V];
+__attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_pass(
+    double* __restrict a0, double* __restrict a1, const double* __restrict rows,
+    const uint8_t* __restrict masks, int groups, const int* __restrict list, int n, int k, int c,
+    int c1) {
+  __mmask8 lanes[V];
+  __m512d s0[V], s1[V];
   for (int v = 0; v < V; ++v) {
     const int left = c1 - (c + 8 * v);
-    mask[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
-    a[v] = _mm512_maskz_loadu_pd(mask[v], acc + c + 8 * v);
+    lanes[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
+    s0[v] = _mm512_maskz_loadu_pd(lanes[v], a0 + c + 8 * v);
+    s1[v] = _mm512_maskz_loadu_pd(lanes[v], a1 + c + 8 * v);
   }
+  const int g0 = c / 8;
   for (int j = 0; j < n; ++j) {
-    // Rows are scattered: ask for the row a few occurrences ahead.
+    const size_t i = static_cast<size_t>(list[j]);
     if (j + 8 < n) {
+      // Rows are scattered: ask for the row a few occurrences ahead.
       const char* ahead = reinterpret_cast<const char*>(rows + static_cast<size_t>(list[j + 8]) * k + c);
       for (int line = 0; line < V * 64; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
     }
-    const double* row = rows + static_cast<size_t>(list[j]) * k + c;
-    for (int v = 0; v < V; ++v) a[v] = _mm512_add_pd(a[v], _mm512_maskz_loadu_pd(mask[v], row + 8 * v));
+    const double* row = rows + i * k + c;
+    const uint8_t* m = masks + i * groups + g0;
+    for (int v = 0; v < V; ++v) {
+      const __m512d r = _mm512_maskz_loadu_pd(lanes[v], row + 8 * v);
+      const __mmask8 carried = static_cast<__mmask8>(lanes[v] & m[v]);
+      const __mmask8 absent = static_cast<__mmask8>(lanes[v] & ~m[v]);
+      s1[v] = _mm512_mask_add_pd(s1[v], carried, s1[v], r);
+      s0[v] = _mm512_mask_add_pd(s0[v], absent, s0[v], r);
+    }
   }
-  for (int v = 0; v < V; ++v) _mm512_mask_storeu_pd(acc + c + 8 * v, mask[v], a[v]);
+  for (int v = 0; v < V; ++v) {
+    _mm512_mask_storeu_pd(a0 + c + 8 * v, lanes[v], s0[v]);
+    _mm512_mask_storeu_pd(a1 + c + 8 * v, lanes[v], s1[v]);
+  }
 }
 
-// Whole rows in one pass where they fit in registers, so that each row is
-// fetched once.
-__attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict acc,
-                                                       const double* __restrict rows,
-                                                       const int* __restrict list, int n,
-                                                       int k) {
+__attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
+                                                        double* __restrict a1,
+                                                        const double* __restrict rows,
+                                                        const int* __restrict list, int n,
+                                                        int k) {
+  const uint8_t* masks = label_masks.data();
   for (int c = 0; c < k;) {
-    const int lanes = k - c;
-    if (lanes <= 16) {
-      add_rows_avx512_pass<2>(acc, rows, list, n, k, c, k);
+    const int left = k - c;
+    if (left <= 16) {
+      add_split_avx512_pass<2>(a0, a1, rows, masks, mask_groups, list, n, k, c, k);
       c += 16;
-    } else if (lanes <= 32) {
-      add_rows_avx512_pass<4>(acc, rows, list, n, k, c, k);
+    } else if (left <= 32) {
+      add_split_avx512_pass<4>(a0, a1, rows, masks, mask_groups, list, n, k, c, k);
       c += 32;
-    } else if (lanes <= 64) {
-      add_rows_avx512_pass<8>(acc, rows, list, n, k, c, k);
-      c += 64;
     } else {
-      const int end = lanes <= 128 ? k : c + 128;
-      add_rows_avx512_pass<16>(acc, rows, list, n, k, c, end);
-      c += 128;
+      const int end = left <= 64 ? k : c + 64;
+      add_split_avx512_pass<8>(a0, a1, rows, masks, mask_groups, list, n, k, c, end);
+      c += 64;
     }
   }
 }
 
-__attribute__((target("avx2"))) void add_rows_avx2(double* __restrict acc,
-                                                   const double* __restrict rows,
-                                                   const int* __restrict list, int n, int k) {
-  for (int c = 0; c < k; c += 16) {
-    __m256i mask[4];
-    for (int v = 0; v < 4; ++v) {
-      const int left = k - (c + 4 * v);
-      mask[v] = _mm256_set_epi64x(left > 3 ? -1 : 0, left > 2 ? -1 : 0, left > 1 ? -1 : 0,
-                                  left > 0 ? -1 : 0);
-    }
-    __m256d a0 = _mm256_maskload_pd(acc + c, mask[0]);
-    __m256d a1 = _mm256_maskload_pd(acc + c + 4, mask[1]);
-    __m256d a2 = _mm256_maskload_pd(acc + c + 8, mask[2]);
-    __m256d a3 = _mm256_maskload_pd(acc + c + 12, mask[3]);
-    for (int j = 0; j < n; ++j) {
-      const double* row = rows + static_cast<size_t>(list[j]) * k + c;
-      a0 = _mm256_add_pd(a0, _mm256_maskload_pd(row, mask[0]));
-      a1 = _mm256_add_pd(a1, _mm256_maskload_pd(row + 4, mask[1]));
-      a2 = _mm256_add_pd(a2, _mm256_maskload_pd(row + 8, mask[2]));
-      a3 = _mm256_add_pd(a3, _mm256_maskload_pd(row + 12, mask[3]));
-    }
-    _mm256_maskstore_pd(acc + c, mask[0], a0);
-    _mm256_maskstore_pd(acc + c + 4, mask[1], a1);
-    _mm256_maskstore_pd(acc + c + 8, mask[2], a2);
-    _mm256_maskstore_pd(acc + c + 12, mask[3], a3);
-  }
-}
+using add_split_fn = void (*)(double* __restrict, double* __restrict, const double* __restrict,
+                              const int* __restrict, int, int);
+add_split_fn add_split = add_split_plain;
 
 // The totals' walk through a block: for every expert j in order and every
 // lane c in [c0, c1) of the 2k-vector [negative | positive],
@@ -309,45 +305,17 @@ using replay_fn = void (*)(double* __restrict, const double* __restrict, const i
                            const uint8_t* __restrict, int, double* __restrict, int, int, int);
 replay_fn replay = replay_plain;
 
-using add_rows_fn = void (*)(double* __restrict, const double* __restrict,
-                             const int* __restrict, int, int);
-add_rows_fn add_rows = add_rows_plain;
-
 int forced_kernel = -1;
 
 void choose_kernels() {
   __builtin_cpu_init();
-  const bool has512 = __builtin_cpu_supports("avx512f");
-  const bool has2 = __builtin_cpu_supports("avx2");
-  if (forced_kernel == 0 || (forced_kernel == 1 && has2)) {
-    add_rows = forced_kernel == 0 ? add_rows_plain : add_rows_avx2;
-    replay = replay_plain;
-    return;
-  }
+  const bool has512 = __builtin_cpu_supports("avx512f") && forced_kernel != 0 && forced_kernel != 1;
+  add_split = has512 ? add_split_avx512 : add_split_plain;
   replay = has512 ? replay_avx512 : replay_plain;
-  if (has512)
-    add_rows = add_rows_avx512;
-  else if (has2)
-    add_rows = add_rows_avx2;
-  else
-    add_rows = add_rows_plain;
 }
 
 // A0/A1: the expert's weight by label sign, summed in list order exactly as
-// the sequential scoring does. A0 adds the rows of negative_rows (the
-// weights with every carried label's entry set to +0.0, which changes no
-// bit of a sum); A1 adds only the few carried labels of each example, whose
-// weights are gathered per round next to their labels.
-void add_positives(const text_expert_rec& x, double* a1) {
-  const int* start = positive_start.data();
-  const int* label = positive_label.data();
-  const double* weight = positive_weight.data();
-  for (int j = 0; j < x.num_train; ++j) {
-    const int i = x.train_index[j];
-    for (int p = start[i]; p < start[i + 1]; ++p) a1[label[p]] += weight[p];
-  }
-}
-
+// the sequential scoring does.
 // Lists at least this long are summed a band of rows at a time, all of a
 // thread's long lists together, so that a band read once from memory
 // serves every list that has entries in it. Each list still adds its rows
@@ -366,7 +334,7 @@ void sum_slots(int s0, int s1, int k) {
     if (x.num_train >= kLongList)
       longs.push_back(s);
     else
-      add_rows(a0, negative_rows, x.train_index, x.num_train, k);
+      add_split(a0, a0 + k, weight_rows, x.train_index, x.num_train, k);
   }
   if (!longs.empty()) {
     std::vector<int> cursor(longs.size(), 0);
@@ -377,37 +345,32 @@ void sum_slots(int s0, int s1, int k) {
         const text_expert_rec& x = experts[slot_expert[longs[q]]];
         int end = cursor[q];
         while (end < x.num_train && x.train_index[end] < band_end) ++end;
-        if (end > cursor[q])
-          add_rows(&sums[longs[q] * two_k], negative_rows, x.train_index + cursor[q],
-                   end - cursor[q], k);
+        if (end > cursor[q]) {
+          double* a0 = &sums[longs[q] * two_k];
+          add_split(a0, a0 + k, weight_rows, x.train_index + cursor[q], end - cursor[q], k);
+        }
         cursor[q] = end;
       }
     }
   }
-  for (int s = s0; s < s1; ++s) add_positives(experts[slot_expert[s]], &sums[s * two_k] + k);
 }
 
-// The weights with the carried labels zeroed, for the current round.
-[[maybe_unused]] void fill_negative_rows(const double* D) {
+// The weights of the current round, copied next to their label masks.
+[[maybe_unused]] void fill_weight_rows(const double* D) {
   const size_t mk = static_cast<size_t>(data_set->num_train) * num_labels;
-  if (negative_capacity < mk) {
-    free(negative_rows);
+  if (weight_capacity < mk) {
+    free(weight_rows);
     constexpr size_t kHuge = size_t{2} << 20;
     const size_t bytes = ((mk * sizeof(double)) + kHuge - 1) / kHuge * kHuge;
-    negative_rows = static_cast<double*>(aligned_alloc(kHuge, bytes));
-    if (negative_rows == nullptr) {
+    weight_rows = static_cast<double*>(aligned_alloc(kHuge, bytes));
+    if (weight_rows == nullptr) {
       perror("Malloc");
       Exit_Run(1);
     }
-    madvise(negative_rows, bytes, MADV_HUGEPAGE);
-    negative_capacity = mk;
+    madvise(weight_rows, bytes, MADV_HUGEPAGE);
+    weight_capacity = mk;
   }
-  const uint8_t* y = label_rows.data();
-  for (size_t j = 0; j < mk; ++j) negative_rows[j] = y[j] ? 0.0 : D[j];
-  positive_weight.resize(positive_label.size());
-  for (int i = 0; i < data_set->num_train; ++i)
-    for (int p = positive_start[i]; p < positive_start[i + 1]; ++p)
-      positive_weight[p] = D[static_cast<size_t>(i) * num_labels + positive_label[p]];
+  memcpy(weight_rows, D, sizeof(double) * mk);
 }
 
 // Assigns slots to the term experts of block [b, e); returns the slot count.
@@ -447,7 +410,7 @@ void for_slot_ranges(int nslots, const Fn& fn) {
 }
 
 // Scores the term experts [b, e) of the non-abstaining scan (weights from
-// fill_negative_rows) against the
+// fill_weight_rows) against the
 // totals T (W[0]), updating best / best_index in array order.
 [[maybe_unused]] void scan_term_block(int b, int e, weight_table W, double* best,
                      int* best_index) {
@@ -549,13 +512,13 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   label_rows.assign(static_cast<size_t>(m) * k, 0);
   for (int i = 0; i < m; ++i)
     for (int l = 0; l < k; ++l) label_rows[static_cast<size_t>(i) * k + l] = d->train_labels[i][l] ? 1 : 0;
-  positive_start.assign(m + 1, 0);
-  positive_label.clear();
-  for (int i = 0; i < m; ++i) {
+  mask_groups = (k + 7) / 8;
+  // Padded so that a pass over eight groups never reads past the end.
+  label_masks.assign(static_cast<size_t>(m) * mask_groups + 8, 0);
+  for (int i = 0; i < m; ++i)
     for (int l = 0; l < k; ++l)
-      if (d->train_labels[i][l]) positive_label.push_back(l);
-    positive_start[i + 1] = static_cast<int>(positive_label.size());
-  }
+      if (d->train_labels[i][l])
+        label_masks[static_cast<size_t>(i) * mask_groups + l / 8] |= static_cast<uint8_t>(1u << (l % 8));
   find_twins();
   ensure_block_storage(k);
   choose_kernels();
@@ -635,7 +598,7 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
   int best_index = 0;
 
   if (!abstaining) {
-    fill_negative_rows(D);
+    fill_weight_rows(D);
     int e = 0;
     while (e < num_experts) {
       text_expert_rec* x = &experts[e];

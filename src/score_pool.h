@@ -31,8 +31,8 @@ void Score_Pool_Last_Table(weight_table W, int k);
 int Score_Pool_Search_Discrete(double* s, double* S, int abstain,
                                double* result[3]);
 
-/// For tests: restricts the summing kernel (0 plain, 1 AVX2, 2 widest
-/// available); -1 restores the automatic choice. Results never depend on it.
+/// For tests: 0 or 1 restricts the scan to its plain loops, -1 restores the
+/// automatic choice of vector kernels. Results never depend on it.
 void Score_Pool_Use_Kernel(int level);
 
 #endif  // MHBOOST_SCORE_POOL_H_

@@ -80,7 +80,7 @@ TEST(FuzzRegress, TermEnumeration) { EXPECT_GT(Replay("terms", terms_target::One
 // Runs the program in `dir` under an address-space limit of `kib` KiB;
 // returns its exit status (or 128 + signal), the last line of its standard
 // error and, when asked, its peak resident size in KiB.
-int Run_Limited(const std::string& dir, long kib, std::vector<std::string> args,
+[[maybe_unused]] int Run_Limited(const std::string& dir, long kib, std::vector<std::string> args,
                 std::string* last_line, long* peak_kib) {
   std::string err = dir + "/stderr.txt";
   pid_t pid = fork();
