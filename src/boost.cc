@@ -11,6 +11,7 @@
 
 #include "die.h"
 #include "optscan.h"
+#include "score_pool.h"
 #include "weak_learn.h"
 
 int num_trials = 10;
@@ -402,13 +403,17 @@ double compute_loss(struct weak_hyp* entry, double* out_abstain, double alpha) {
         loss += y[i][l] ? d[i * k + l] * (1.0 - p) : d[i * k + l] * p;
       }
   } else {
-    for (int i = 0; i < m; ++i)
-      for (int l = 0; l < k; ++l) {
-        const double p = train_pred[i][l];
-        log_dist[i * k + l] += y[i][l] ? -alpha * p : alpha * p;
-        d[i * k + l] = exp(log_dist[i * k + l]);
-        loss += d[i * k + l];
-      }
+    // Each weight is updated on its own (on all threads); Z is then summed
+    // in example order.
+    Run_Parallel(m, [&](int i0, int i1, int) {
+      for (int i = i0; i < i1; ++i)
+        for (int l = 0; l < k; ++l) {
+          const double p = train_pred[i][l];
+          log_dist[i * k + l] += y[i][l] ? -alpha * p : alpha * p;
+          d[i * k + l] = exp(log_dist[i * k + l]);
+        }
+    });
+    for (int j = 0; j < m * k; ++j) loss += d[j];
   }
   *out_abstain = 0.0;
   if (loss_mode == 1) {

@@ -62,6 +62,7 @@ std::vector<uint8_t> label_rows;
 // labels: bit b of byte g is set when the example carries label 8g + b.
 std::vector<uint8_t> label_masks;
 int mask_groups = 0;
+std::vector<int> all_examples;  // 0 .. m-1
 // Per round: the weights of the labels an example does not carry.
 // Per round: a copy of the weights. Rows are read at random, so the copy
 // sits on huge pages where the system offers them, and a row rarely misses
@@ -496,6 +497,22 @@ void for_slot_ranges(int nslots, const Fn& fn) {
 
 }  // namespace
 
+void Score_Pool_Totals(const double* D, weight_table W) {
+  const int k = num_labels;
+  for (int l = 0; l < k; ++l) {
+    W[0][0][l] = 0.0;
+    W[0][1][l] = 0.0;
+  }
+  add_split(W[0][0], W[0][1], D, all_examples.data(), data_set->num_train, k);
+}
+
+void Run_Parallel(int n, const std::function<void(int, int, int)>& fn) {
+  if (pool != nullptr)
+    pool->Run(n, fn);
+  else if (n > 0)
+    fn(0, n, 0);
+}
+
 void Score_Pool_Use_Kernel(int level) {
   forced_kernel = level;
   choose_kernels();
@@ -512,6 +529,8 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   label_rows.assign(static_cast<size_t>(m) * k, 0);
   for (int i = 0; i < m; ++i)
     for (int l = 0; l < k; ++l) label_rows[static_cast<size_t>(i) * k + l] = d->train_labels[i][l] ? 1 : 0;
+  all_examples.resize(m);
+  for (int i = 0; i < m; ++i) all_examples[i] = i;
   mask_groups = (k + 7) / 8;
   // Padded so that a pass over eight groups never reads past the end.
   label_masks.assign(static_cast<size_t>(m) * mask_groups + 8, 0);

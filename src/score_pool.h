@@ -7,6 +7,8 @@
 #ifndef MHBOOST_SCORE_POOL_H_
 #define MHBOOST_SCORE_POOL_H_
 
+#include <functional>
+
 #include "loss.h"
 #include "read_data.h"
 #include "sgram_expert.h"
@@ -15,6 +17,16 @@
 /// `num_threads` 0 means every available core.
 void Score_Pool_Init(text_expert_rec* experts, example_data* data,
                      int num_threads);
+
+/// W[0][b][l] = the weights D(i, l) of every example whose label byte for l
+/// is b, summed in example order.
+void Score_Pool_Totals(const double* D, weight_table W);
+
+/// Runs fn(begin, end, thread) over [0, n) on the scan's threads (on the
+/// calling thread alone before the scan is set up). Callers write results
+/// per index and combine them in index order, so results never depend on
+/// the number of threads.
+void Run_Parallel(int n, const std::function<void(int, int, int)>& fn);
 
 /// Real AdaBoost.MH scan. On entry W[0] holds the label totals (zero for
 /// the abstaining scan); on return W[0] holds the totals as the sequential

@@ -157,8 +157,7 @@ text_expert_rec* GetWeakHypothesis_Table_Exp_Loss(double* D, example_data* d) {
   unsigned char** y = d->train_labels;
   weight_table W;
   alloc_table(W, k);
-  for (int i = 0; i < m; ++i)
-    for (int l = 0; l < k; ++l) W[0][y[i][l] ? 1 : 0][l] += D[i * k + l];
+  Score_Pool_Totals(D, W);
 
   int best_index = Score_Pool_Search(D, W, /*abstaining=*/0);
   text_expert_rec* best = &text_experts[best_index];
