@@ -59,8 +59,14 @@ Fork_Join_Pool* pool = nullptr;
 // Label bytes of all training examples, m rows of k, 0 or 1.
 std::vector<uint8_t> label_rows;
 // The labels of each example as bit masks, one byte per group of eight
-// labels: bit b of byte g is set when the example carries label 8g + b.
-std::vector<uint8_t> label_masks;
+// labels: bit b of absent byte g is set when the example lacks label
+// 8g + b (bits beyond the last label are clear). The groups holding carried
+// labels are listed apart: carried_group/carried_mask[carried_start[i] ..
+// carried_start[i + 1]).
+std::vector<uint8_t> absent_masks;
+std::vector<int> carried_start;
+std::vector<int> carried_group;
+std::vector<uint8_t> carried_mask;
 int mask_groups = 0;
 std::vector<int> all_examples;  // 0 .. m-1
 // Per round: the weights of the labels an example does not carry.
@@ -167,20 +173,25 @@ void add_split_plain(double* __restrict a0, double* __restrict a1, const double*
 }
 
 // One pass over up to 8 * V lanes starting at lane c (a multiple of 8).
+// The absent labels' sums add the whole row with the carried lanes loaded
+// as +0.0 (which changes no bit of a sum); the one or two groups of carried
+// labels of each example are added into a1 in memory under their masks.
 template <int V>
 __attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_pass(
     double* __restrict a0, double* __restrict a1, const double* __restrict rows,
-    const uint8_t* __restrict masks, int groups, const int* __restrict list, int n, int k, int c,
+    const uint8_t* __restrict absent, int groups, const int* __restrict list, int n, int k, int c,
     int c1) {
   __mmask8 lanes[V];
-  __m512d s0[V], s1[V];
+  __m512d s0[V];
   for (int v = 0; v < V; ++v) {
     const int left = c1 - (c + 8 * v);
     lanes[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
     s0[v] = _mm512_maskz_loadu_pd(lanes[v], a0 + c + 8 * v);
-    s1[v] = _mm512_maskz_loadu_pd(lanes[v], a1 + c + 8 * v);
   }
   const int g0 = c / 8;
+  const int* cstart = carried_start.data();
+  const int* cgroup = carried_group.data();
+  const uint8_t* cmask = carried_mask.data();
   for (int j = 0; j < n; ++j) {
     const size_t i = static_cast<size_t>(list[j]);
     if (j + 8 < n) {
@@ -188,20 +199,22 @@ __attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_p
       const char* ahead = reinterpret_cast<const char*>(rows + static_cast<size_t>(list[j + 8]) * k + c);
       for (int line = 0; line < V * 64; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
     }
-    const double* row = rows + i * k + c;
-    const uint8_t* m = masks + i * groups + g0;
+    const double* row = rows + i * k;
+    const uint8_t* am = absent + i * groups + g0;
     for (int v = 0; v < V; ++v) {
-      const __m512d r = _mm512_maskz_loadu_pd(lanes[v], row + 8 * v);
-      const __mmask8 carried = static_cast<__mmask8>(lanes[v] & m[v]);
-      const __mmask8 absent = static_cast<__mmask8>(lanes[v] & ~m[v]);
-      s1[v] = _mm512_mask_add_pd(s1[v], carried, s1[v], r);
-      s0[v] = _mm512_mask_add_pd(s0[v], absent, s0[v], r);
+      const __mmask8 take = static_cast<__mmask8>(lanes[v] & am[v]);
+      s0[v] = _mm512_add_pd(s0[v], _mm512_maskz_loadu_pd(take, row + c + 8 * v));
+    }
+    for (int q = cstart[i]; q < cstart[i + 1]; ++q) {
+      const int g = cgroup[q];
+      if (g < g0 || g >= g0 + V) continue;
+      const __mmask8 cm = cmask[q];
+      const __m512d sum = _mm512_add_pd(_mm512_maskz_loadu_pd(cm, a1 + 8 * g),
+                                        _mm512_maskz_loadu_pd(cm, row + 8 * g));
+      _mm512_mask_storeu_pd(a1 + 8 * g, cm, sum);
     }
   }
-  for (int v = 0; v < V; ++v) {
-    _mm512_mask_storeu_pd(a0 + c + 8 * v, lanes[v], s0[v]);
-    _mm512_mask_storeu_pd(a1 + c + 8 * v, lanes[v], s1[v]);
-  }
+  for (int v = 0; v < V; ++v) _mm512_mask_storeu_pd(a0 + c + 8 * v, lanes[v], s0[v]);
 }
 
 __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
@@ -209,7 +222,7 @@ __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
                                                         const double* __restrict rows,
                                                         const int* __restrict list, int n,
                                                         int k) {
-  const uint8_t* masks = label_masks.data();
+  const uint8_t* masks = absent_masks.data();
   for (int c = 0; c < k;) {
     const int left = k - c;
     if (left <= 16) {
@@ -533,11 +546,27 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   for (int i = 0; i < m; ++i) all_examples[i] = i;
   mask_groups = (k + 7) / 8;
   // Padded so that a pass over eight groups never reads past the end.
-  label_masks.assign(static_cast<size_t>(m) * mask_groups + 8, 0);
-  for (int i = 0; i < m; ++i)
-    for (int l = 0; l < k; ++l)
-      if (d->train_labels[i][l])
-        label_masks[static_cast<size_t>(i) * mask_groups + l / 8] |= static_cast<uint8_t>(1u << (l % 8));
+  absent_masks.assign(static_cast<size_t>(m) * mask_groups + 8, 0);
+  carried_start.assign(m + 1, 0);
+  carried_group.clear();
+  carried_mask.clear();
+  for (int i = 0; i < m; ++i) {
+    for (int g = 0; g < mask_groups; ++g) {
+      uint8_t carried = 0, absent = 0;
+      for (int b = 0; b < 8 && 8 * g + b < k; ++b) {
+        if (d->train_labels[i][8 * g + b])
+          carried |= static_cast<uint8_t>(1u << b);
+        else
+          absent |= static_cast<uint8_t>(1u << b);
+      }
+      absent_masks[static_cast<size_t>(i) * mask_groups + g] = absent;
+      if (carried != 0) {
+        carried_group.push_back(g);
+        carried_mask.push_back(carried);
+      }
+    }
+    carried_start[i + 1] = static_cast<int>(carried_group.size());
+  }
   find_twins();
   ensure_block_storage(k);
   choose_kernels();
