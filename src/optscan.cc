@@ -28,8 +28,8 @@ int Scan_Option(option_scanner* s, int argc, char* const* argv,
   const char* arg = argv[s->optind];
   const char c = arg[s->nextchar++];
   const bool last = arg[s->nextchar] == '\0';
-  const char* spec = c == ':' ? nullptr : strchr(optstring, c);
-  if (spec == nullptr) {
+  const char* entry = c == ':' ? nullptr : strchr(optstring, c);
+  if (entry == nullptr) {
     s->optopt = static_cast<unsigned char>(c);
     if (last) {
       s->optind++;
@@ -37,7 +37,7 @@ int Scan_Option(option_scanner* s, int argc, char* const* argv,
     }
     return '?';
   }
-  if (spec[1] == ':') {
+  if (entry[1] == ':') {
     // The option's argument is the rest of this word, or the next word.
     if (!last) {
       s->optarg = arg + s->nextchar;

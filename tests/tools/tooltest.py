@@ -33,8 +33,8 @@ def load_tool(name):
     """Imports a tool script (they have no .py suffix) as a module."""
     path = os.path.join(TOOLS, name)
     loader = importlib.machinery.SourceFileLoader(name.replace("-", "_"), path)
-    spec = importlib.util.spec_from_loader(loader.name, loader)
-    module = importlib.util.module_from_spec(spec)
+    module_spec = importlib.util.spec_from_loader(loader.name, loader)
+    module = importlib.util.module_from_spec(module_spec)
     loader.exec_module(module)
     return module
 
