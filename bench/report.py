@@ -191,7 +191,7 @@ def main():
                         's/round', 'test err', 'train err', 'peak MiB'],
                        rows))
         p.append('')
-        p.append('As `bench/peers.py` prints them, on unigram features (one '
+        p.append('As `shared/corpora/peers.py` prints them, on unigram features (one '
                  'binary column per word, discrete value and continuous '
                  'attribute): `load` only reads the files and builds the '
                  'matrix (load s); `xgbT` is XGBoost with stumps (depth 1) on '
@@ -221,7 +221,7 @@ def main():
         p.append(r['command'])
     if peers:
         for stem in peers:
-            p.append('%s bench/peers.py CORPORA %s -n %s' % (
+            p.append('%s ../shared/corpora/peers.py CORPORA %s -n %s' % (
                 meta.get('peer_python', 'python3'), stem,
                 meta.get('peer_rounds', '?')))
     p.append('```')
