@@ -30,17 +30,6 @@ namespace {
 namespace fs = std::filesystem;
 using one_input = int (*)(const uint8_t*, size_t);
 
-std::vector<fs::path> Inputs(const std::string& dir) {
-  std::vector<fs::path> files;
-  fs::path d = fs::path(MHBOOST_SOURCE_DIR) / dir;
-  if (!fs::is_directory(d)) return files;
-  for (const auto& e : fs::directory_iterator(d))
-    if (e.is_regular_file() && e.path().extension() != ".status")
-      files.push_back(e.path());
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
 std::string Slurp(const fs::path& p) {
   std::ifstream in(p, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -50,7 +39,13 @@ std::string Slurp(const fs::path& p) {
 size_t Replay(const std::string& target, one_input run) {
   size_t n = 0;
   for (const char* base : {"tests/regress/", "fuzz/corpus/"}) {
-    for (const fs::path& p : Inputs(base + target)) {
+    fs::path d = fs::path(MHBOOST_SOURCE_DIR) / (base + target);
+    std::vector<fs::path> inputs;
+    if (fs::is_directory(d))
+      for (const auto& e : fs::directory_iterator(d))
+        if (e.is_regular_file() && e.path().extension() != ".status") inputs.push_back(e.path());
+    std::sort(inputs.begin(), inputs.end());
+    for (const fs::path& p : inputs) {
       SCOPED_TRACE(p.string());
       // Named before the run: a failed check aborts the whole process.
       fprintf(stderr, "replay %s\n", p.string().c_str());
@@ -70,17 +65,24 @@ size_t Replay(const std::string& target, one_input run) {
   return n;
 }
 
-TEST(FuzzRegress, NamesFiles) { EXPECT_GT(Replay("names", names_target::One_Input), 0u); }
-TEST(FuzzRegress, TrainingFiles) { EXPECT_GT(Replay("data", data_target::One_Input), 0u); }
-TEST(FuzzRegress, Dictionaries) { EXPECT_GT(Replay("dict", dict_target::One_Input), 0u); }
-TEST(FuzzRegress, ModelFiles) { EXPECT_GT(Replay("model", model_target::One_Input), 0u); }
-TEST(FuzzRegress, OptionVectors) { EXPECT_GT(Replay("options", options_target::One_Input), 0u); }
-TEST(FuzzRegress, TermEnumeration) { EXPECT_GT(Replay("terms", terms_target::One_Input), 0u); }
+TEST(FuzzRegress, EveryKeptInputOfEveryTarget) {
+  const std::pair<const char*, one_input> targets[] = {
+      {"names", names_target::One_Input}, {"data", data_target::One_Input},
+      {"dict", dict_target::One_Input},   {"model", model_target::One_Input},
+      {"options", options_target::One_Input}, {"terms", terms_target::One_Input}};
+  for (const auto& [name, run] : targets) EXPECT_GT(Replay(name, run), 0u) << name;
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+#define SKIP_UNDER_ASAN() GTEST_SKIP() << "AddressSanitizer reserves more address space than the limits leave"
+#else
+#define SKIP_UNDER_ASAN() (void)0
+#endif
 
 // Runs the program in `dir` under an address-space limit of `kib` KiB;
 // returns its exit status (or 128 + signal), the last line of its standard
 // error and, when asked, its peak resident size in KiB.
-[[maybe_unused]] int Run_Limited(const std::string& dir, long kib, std::vector<std::string> args,
+int Run_Limited(const std::string& dir, long kib, std::vector<std::string> args,
                 std::string* last_line, long* peak_kib) {
   std::string err = dir + "/stderr.txt";
   pid_t pid = fork();
@@ -88,9 +90,7 @@ TEST(FuzzRegress, TermEnumeration) { EXPECT_GT(Replay("terms", terms_target::One
     if (chdir(dir.c_str()) != 0) _exit(120);
     rlimit lim{static_cast<rlim_t>(kib) * 1024, static_cast<rlim_t>(kib) * 1024};
     setrlimit(RLIMIT_AS, &lim);
-    FILE* e = freopen(err.c_str(), "w", stderr);
-    FILE* o = freopen("/dev/null", "w", stdout);
-    if (e == nullptr || o == nullptr) _exit(121);
+    if (!freopen(err.c_str(), "w", stderr) || !freopen("/dev/null", "w", stdout)) _exit(121);
     std::vector<char*> argv;
     args.insert(args.begin(), MHBOOST_BINARY);
     for (std::string& a : args) argv.push_back(a.data());
@@ -103,18 +103,15 @@ TEST(FuzzRegress, TermEnumeration) { EXPECT_GT(Replay("terms", terms_target::One
   wait4(pid, &ws, 0, &usage);
   if (peak_kib != nullptr) *peak_kib = usage.ru_maxrss;
   std::string text = Slurp(err);
-  while (!text.empty() && text.back() == '\n') text.pop_back();
+  text.erase(text.find_last_not_of('\n') + 1);
   *last_line = text.substr(text.find_last_of('\n') + 1);
   return WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
 }
 
-// Whatever allocation fails first (an example, a copied text, the symbol
-// table, the experts, the scan's working arrays), the run ends with the
-// message of the allocator that failed and its status.
+// Whatever allocation fails first, the run ends with the message and status
+// of the allocator that failed.
 TEST(MemoryLimit, ExhaustionAnywhereEndsWithTheAllocatorsMessage) {
-#if defined(__SANITIZE_ADDRESS__)
-  GTEST_SKIP() << "AddressSanitizer reserves more address space than the limits leave";
-#else
+  SKIP_UNDER_ASAN();
   std::string dir = fuzz::Scratch_Dir() + "/memory";
   fs::create_directories(dir);
   fuzz::Write_File(dir + "/m.names", "a, b, c.\nt: text.\nx: continuous.\n");
@@ -124,8 +121,7 @@ TEST(MemoryLimit, ExhaustionAnywhereEndsWithTheAllocatorsMessage) {
             std::to_string(i % 7) + ", " + std::to_string(i % 13) + ", " +
             (i % 3 == 0 ? "a" : i % 3 == 1 ? "b" : "a c") + ".\n";
   fuzz::Write_File(dir + "/m.data", data);
-  // The peak without a limit sets the range: from well below what reading
-  // needs to a little above what the whole run needs.
+  // From well below what reading needs to a little above the unlimited peak.
   std::string last;
   const std::vector<std::string> args = {"-n", "2", "-W", "2", "-T", "1", "-S", "m"};
   long peak = 0;
@@ -146,16 +142,12 @@ TEST(MemoryLimit, ExhaustionAnywhereEndsWithTheAllocatorsMessage) {
     }
   }
   EXPECT_GT(refused, 0);
-#endif
 }
 
-// The dictionary is read whole before anything else; under a limit that
-// leaves room for the program but not for a 22 MB dictionary, the run ends
-// with the allocator's message rather than an uncaught exception.
+// A 22 MB dictionary that does not fit ends the run with the allocator's
+// message rather than an uncaught exception.
 TEST(MemoryLimit, DictionaryTooLargeForMemory) {
-#if defined(__SANITIZE_ADDRESS__)
-  GTEST_SKIP() << "AddressSanitizer reserves more address space than the limits leave";
-#else
+  SKIP_UNDER_ASAN();
   std::string dir = fuzz::Scratch_Dir() + "/dictionary";
   fs::create_directories(dir);
   fuzz::Write_File(dir + "/d.names", "a, b.\nt: text.\n");
@@ -166,7 +158,6 @@ TEST(MemoryLimit, DictionaryTooLargeForMemory) {
   std::string last;
   EXPECT_EQ(1, Run_Limited(dir, 40000, {"-n", "1", "-D", "1", "-S", "d"}, &last, nullptr));
   EXPECT_EQ("Malloc: Cannot allocate memory", last);
-#endif
 }
 
 }  // namespace

@@ -40,10 +40,9 @@ class SgramShypTest : public ::testing::Test {
   void SetUp() override {
     char tmpl[] = "/tmp/sgram_shyp_test.XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    stem_ = dir_ + "/task";
+    stem_ = std::string(tmpl) + "/task";
   }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
+  void TearDown() override { std::filesystem::remove_all(std::filesystem::path(stem_).parent_path()); }
 
   void Start(const std::string& names, std::vector<std::string> args) {
     Spit(stem_ + ".names", names);
@@ -54,100 +53,80 @@ class SgramShypTest : public ::testing::Test {
     InitializeWeakLearner(static_cast<int>(args.size()), argv);
   }
 
-  // Indexes the rules (term, type) against the examples, numbered from
-  // `first` so that the lists show which number is stored.
-  hash_table* Index(const std::string& examples, int first, int W,
-                    std::vector<std::pair<const char*, int>> rules) {
-    Spit(dir_ + "/examples", examples);
+  std::string stem_;
+};
+
+struct IndexCase {
+  const char* names;
+  std::vector<std::string> options;
+  const char* examples;
+  int W;
+  std::vector<std::pair<const char*, int>> rules;
+  std::vector<std::string> want;  // test lists of each rule
+};
+
+// Examples are numbered from 100 so that the lists show which number is kept.
+TEST_F(SgramShypTest, RulesFindTheirOccurrences) {
+  const char* colour = "a, b.\ncolor: red, green, blue.\nt: text.\n";
+  const char* colours = "green, x, a.\nblue, x, b.\n?, x, a.\n";
+  const IndexCase cases[] = {
+      // Two thresholds on one attribute share one key.
+      {"a, b.\nage: continuous.\ntitle: text.\n", {"-N", "sgram"}, "5, x y, a.\n?, x, b.\n30, y, a.\n", 1,
+       {{"age:", kTypeThreshold}, {"title:x ", kTypeSgram}, {"age:", kTypeThreshold}},
+       {"100:1@5 102:1@30", "100:1 101:1", "100:1@5 102:1@30"}},
+      {"a, b.\ntext: text.\n", {"-N", "ngram"}, "a a a a b, a.\nb, b.\nb a, a.\n", 2,
+       {{"a", kTypeSgram}, {"a a", kTypeSgram}, {"b a", kTypeSgram}}, {"100:4 102:1", "100:3", "102:1"}},
+      // Discrete keys end in a blank under sparse grams only.
+      {colour, {"-N", "sgram"}, colours, 1,
+       {{"color:1 ", kTypeSgram}, {"color:1", kTypeSgram}, {"t:x ", kTypeSgram}},
+       {"100:1", "", "100:1 101:1 102:1"}},
+      {colour, {"-N", "fgram"}, colours, 1, {{"color:1 ", kTypeSgram}, {"color:2", kTypeSgram}}, {"", "101:1"}},
+      // Word scores add up, repeats keep the maximum; a rule without values
+      // sees a plain occurrence.
+      {"a, b.\nw: scoredtext.\n", {"-N", "ngram"}, "good 2 bad 1 good 3, a.\nbad 4 news 0.5, b.\n", 2,
+       {{"good", kTypeThreshold}, {"bad news", kTypeLinear}, {"bad", kTypeSgram}},
+       {"100:2@3", "101:1@4.5", "100:1 101:1"}},
+      // The wildcard's score does not count.
+      {"a, b.\nw: scoredtext.\n", {"-N", "sgram", "-M", "+", "-F", "max"},
+       "good 2 bad 1 good 3, a.\nbad 4 x 9 news 0.5, b.\n", 3,
+       {{"good ", kTypeThreshold}, {"bad ? news ", kTypeThreshold}}, {"100:2@5", "101:1@4"}},
+  };
+  for (const IndexCase& c : cases) {
+    SCOPED_TRACE(c.examples);
+    std::vector<std::string> options = c.options;
+    options.push_back("-C");
+    Start(c.names, options);
+    Spit(stem_ + ".test", c.examples);
     int n = 0;
-    example** ex = Read_DataSet(Weak_Dsi(), (dir_ + "/examples").c_str(), &n);
-    for (int i = 0; i < n; ++i) ex[i]->index = first + i;
-    whs_ = Allocate_Weak_Hyp(static_cast<int>(rules.size()));
-    for (size_t j = 0; j < rules.size(); ++j) {
+    example** ex = Read_DataSet(Weak_Dsi(), (stem_ + ".test").c_str(), &n);
+    for (int i = 0; i < n; ++i) ex[i]->index = 100 + i;
+    const int count = static_cast<int>(c.rules.size());
+    weak_hyp* whs = Allocate_Weak_Hyp(count);
+    for (int j = 0; j < count; ++j) {
       auto* e = static_cast<text_expert_rec*>(Malloc(sizeof(text_expert_rec)));
-      e->term = strdup(rules[j].first);
-      e->type = rules[j].second;
+      e->term = strdup(c.rules[j].first);
+      e->type = c.rules[j].second;
       e->test_index = static_cast<int*>(Malloc(n * sizeof(int)));
       e->test_count = static_cast<int*>(Malloc(n * sizeof(int)));
       if (e->type == kTypeThreshold || e->type == kTypeLinear)
         e->test_values = static_cast<double*>(Malloc(n * sizeof(double)));
-      whs_[j].hyp = e;
+      whs[j].hyp = e;
     }
-    hash_table* t = Index_Weak_Hyp(Weak_Expander(), W, whs_, static_cast<int>(rules.size()));
+    hash_table* table = Index_Weak_Hyp(Weak_Expander(), c.W, whs, count);
+    if (&c == cases) EXPECT_EQ(table->num_entries, 2);
     Index_New_Test_Instances(ex, n, Weak_Dsi());
-    examples_ = ex;
-    return t;
+    for (int j = 0; j < count; ++j) {
+      const text_expert_rec* e = whs[j].hyp;
+      EXPECT_EQ(Lists(e->num_test, e->test_index, e->test_count, e->test_values), c.want[j]) << j;
+    }
+    Index_New_Test_Instances(ex, 0, Weak_Dsi());  // an empty set clears the lists
+    EXPECT_EQ(whs[0].hyp->num_test, 0);
   }
-
-  std::string Test(int j) {
-    const text_expert_rec* e = whs_[j].hyp;
-    return Lists(e->num_test, e->test_index, e->test_count, e->test_values);
-  }
-
-  std::string dir_, stem_;
-  weak_hyp* whs_ = nullptr;
-  example** examples_ = nullptr;
-};
-
-TEST_F(SgramShypTest, ThresholdRulesOnOneAttributeShareAKey) {
-  Start("a, b.\nage: continuous.\ntitle: text.\n", {"-C", "-N", "sgram"});
-  hash_table* table = Index("5, x y, a.\n?, x, b.\n30, y, a.\n", 100, 1,
-                            {{"age:", kTypeThreshold}, {"title:x ", kTypeSgram},
-                             {"age:", kTypeThreshold}});
-  EXPECT_EQ(table->num_entries, 2);
-  EXPECT_EQ(Test(0), "100:1@5 102:1@30");
-  EXPECT_EQ(Test(2), "100:1@5 102:1@30");
-  EXPECT_EQ(Test(1), "100:1 101:1");
-
-  Index_New_Test_Instances(examples_, 0, Weak_Dsi());  // an empty set
-  EXPECT_EQ(whs_[0].hyp->num_test, 0);
-}
-
-TEST_F(SgramShypTest, RepeatedTermsCountInOneEntry) {
-  Start("a, b.\ntext: text.\n", {"-C", "-N", "ngram"});
-  Index("a a a a b, a.\nb, b.\nb a, a.\n", 0, 2,
-        {{"a", kTypeSgram}, {"a a", kTypeSgram}, {"b a", kTypeSgram}});
-  EXPECT_EQ(Test(0), "0:4 2:1");
-  EXPECT_EQ(Test(1), "0:3");
-  EXPECT_EQ(Test(2), "2:1");
-}
-
-TEST_F(SgramShypTest, DiscreteKeysEndInABlankUnderSparseGrams) {
-  const char* names = "a, b.\ncolor: red, green, blue.\nt: text.\n";
-  const char* examples = "green, x, a.\nblue, x, b.\n?, x, a.\n";
-  Start(names, {"-C", "-N", "sgram"});
-  Index(examples, 0, 1, {{"color:1 ", kTypeSgram}, {"color:1", kTypeSgram},
-                         {"t:x ", kTypeSgram}});
-  EXPECT_EQ(Test(0), "0:1");
-  EXPECT_EQ(Test(1), "");
-  EXPECT_EQ(Test(2), "0:1 1:1 2:1");
-
-  Start(names, {"-C", "-N", "fgram"});
-  Index(examples, 0, 1, {{"color:1 ", kTypeSgram}, {"color:2", kTypeSgram}});
-  EXPECT_EQ(Test(0), "");
-  EXPECT_EQ(Test(1), "1:1");
-}
-
-TEST_F(SgramShypTest, ScoredTermsCombineTheirScores) {
-  // By default a term's word scores add up and repeats keep the maximum; a
-  // scored term also reaches a rule without values, as a plain occurrence.
-  Start("a, b.\nw: scoredtext.\n", {"-C", "-N", "ngram"});
-  Index("good 2 bad 1 good 3, a.\nbad 4 news 0.5, b.\n", 0, 2,
-        {{"good", kTypeThreshold}, {"bad news", kTypeLinear}, {"bad", kTypeSgram}});
-  EXPECT_EQ(Test(0), "0:2@3");
-  EXPECT_EQ(Test(1), "1:1@4.5");
-  EXPECT_EQ(Test(2), "0:1 1:1");
-
-  Start("a, b.\nw: scoredtext.\n", {"-C", "-N", "sgram", "-M", "+", "-F", "max"});
-  Index("good 2 bad 1 good 3, a.\nbad 4 x 9 news 0.5, b.\n", 0, 3,
-        {{"good ", kTypeThreshold}, {"bad ? news ", kTypeThreshold}});
-  EXPECT_EQ(Test(0), "0:2@5");
-  EXPECT_EQ(Test(1), "1:1@4");  // the wildcard's score does not count
 }
 
 // A continued run reads the model, indexes it against the training and the
-// test set, and evaluates its rules from those lists. It runs in a process
-// of its own so that the learner starts from a clean state.
+// test set, and evaluates its rules from those lists; in a process of its
+// own so that the learner starts from a clean state.
 TEST_F(SgramShypTest, StoredModelIsIndexedForAContinuedRun) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   auto run = [&] {
@@ -163,13 +142,10 @@ TEST_F(SgramShypTest, StoredModelIsIndexedForAContinuedRun) {
     for (int i = 0; i < count; ++i) {
       text_expert_rec* e = whs[i].hyp;
       std::string out = std::string("'") + e->term + "' train " +
-                        Lists(e->num_train, e->train_index, e->train_count, e->values) +
-                        " test " +
-                        Lists(e->num_test, e->test_index, e->test_count, e->test_values) +
-                        " eval";
+                        Lists(e->num_train, e->train_index, e->train_count, e->values) + " test " +
+                        Lists(e->num_test, e->test_index, e->test_count, e->test_values) + " eval";
       for (int x = 0; x < d->num_train + d->num_test; ++x) {
-        example* ex = x < d->num_train ? d->train_examples[x]
-                                       : d->test_examples[x - d->num_train];
+        example* ex = x < d->num_train ? d->train_examples[x] : d->test_examples[x - d->num_train];
         out += " " + std::to_string(static_cast<int>(EvalWeakHypothesis(e, ex)[0]));
       }
       fprintf(stderr, "%s\n", out.c_str());
@@ -178,8 +154,7 @@ TEST_F(SgramShypTest, StoredModelIsIndexedForAContinuedRun) {
   };
   EXPECT_EXIT(run(), ::testing::ExitedWithCode(0),
               ::testing::StrEq("'title:good ' train 0:1 2:2 test 4:1 eval -1 1 -1 1 -1\n"
-                               "'age:' train 0:1@5 2:1@30 test 3:1@15 4:1@40"
-                               " eval 2 1 3 2 3\n"));
+                               "'age:' train 0:1@5 2:1@30 test 3:1@15 4:1@40 eval 2 1 3 2 3\n"));
   GTEST_FLAG_SET(death_test_style, "fast");
 }
 

@@ -8,78 +8,49 @@ import shutil
 import unittest
 import xml.etree.ElementTree as ET
 
-from tooltest import DATA, TempDirTest, load_tool, run_tool
+from tooltest import DATA, TempDirTest, run_tool
 
-plot = load_tool("mhboost-plot")
 SVG = "{http://www.w3.org/2000/svg}"
 
 
-def recorded(name):
-    with open(os.path.join(DATA, name)) as f:
-        return f.read().splitlines()
-
-
-def polyline_points(root, name):
-    lines = [p for p in root.iter(SVG + "polyline") if p.get("class") == name]
-    return [[tuple(map(float, xy.split(",")))
-             for xy in p.get("points").split()] for p in lines]
-
-
-class ParseTest(unittest.TestCase):
-    def test_round_lines(self):
-        rounds = plot.parse_rounds(recorded("run_news.txt"))
-        self.assertEqual([r for r, _, _ in rounds], list(range(1, 21)))
-        self.assertEqual(rounds[0], (1, 0.6166667, 0.62))
-        rounds = plot.parse_rounds(recorded("run_replay_reject.txt"))
-        self.assertEqual([r for r, _, _ in rounds], [-4, -2, 0, 2, 4])
-        self.assertEqual(rounds[-1], (4, 0.2333333, 0.32))
-
-
-class SvgTest(TempDirTest):
+class PlotTest(TempDirTest):
     def chart(self, name):
         out = self.path("chart.svg")
         status, _, err = run_tool("mhboost-plot", os.path.join(DATA, name),
                                   "-o", out)
         self.assertEqual(status, 0, err)
-        return ET.parse(out).getroot(), err
+        root = ET.parse(out).getroot()
+        points = {p.get("class"): [tuple(map(float, xy.split(",")))
+                                   for xy in p.get("points").split()]
+                  for p in root.iter(SVG + "polyline")}
+        return root, points, err
 
     def test_svg_of_a_run(self):
-        root, err = self.chart("run_news.txt")
+        _, points, err = self.chart("run_news.txt")
         self.assertIn("20 rounds; last round 20: train 0.1, test 0.2", err)
-        train, = polyline_points(root, "train")
-        test, = polyline_points(root, "test")
-        self.assertEqual(len(train), 20)
-        self.assertEqual(len(test), 20)
-        xs = [x for x, _ in train]
-        self.assertEqual(xs, sorted(xs))
+        train, test = points["train"], points["test"]
+        self.assertEqual((len(train), len(test)), (20, 20))
+        self.assertEqual(train, sorted(train))
         # Lower error is drawn higher up: training error falls from 0.617 to
         # 0.1 and the test error ends above it (0.2).
         self.assertGreater(train[-1][1], train[0][1])
         self.assertLess(test[-1][1], train[-1][1])
+        # Replayed rounds (numbered -4 to 0) are drawn too.
+        self.assertEqual(len(self.chart("run_replay_reject.txt")[1]["train"]), 5)
+        root, points, _ = self.chart("run_no_test.txt")
+        self.assertEqual((len(points["train"]), "test" in points), (5, False))
+        self.assertIn("test (no values)", [t.text for t in root.iter(SVG + "text")])
 
-    def test_missing_test_error_is_left_out(self):
-        root, _ = self.chart("run_no_test.txt")
-        self.assertEqual(len(polyline_points(root, "train")[0]), 5)
-        self.assertEqual(polyline_points(root, "test"), [])
-        labels = [t.text for t in root.iter(SVG + "text")]
-        self.assertIn("test (no values)", labels)
-
-    def test_errors(self):
+    def test_errors_and_png(self):
         src = self.write("empty.txt", "no rounds here\n")
-        status, _, err = run_tool("mhboost-plot", src, "-o",
-                                  self.path("x.svg"))
-        self.assertEqual(status, 1)
-        self.assertIn("no round lines", err)
-        status, _, err = run_tool("mhboost-plot", src, "-o",
-                                  self.path("x.pdf"))
-        self.assertEqual(status, 2)
-        self.assertIn("must end in .svg or .png", err)
-
-    def test_png_through_gnuplot(self):
+        for out, status, message in (("x.svg", 1, "no round lines"),
+                                     ("x.pdf", 2, "must end in .svg or .png")):
+            got, _, err = run_tool("mhboost-plot", src, "-o", self.path(out))
+            self.assertEqual(got, status)
+            self.assertIn(message, err)
         out = self.path("chart.png")
-        status, _, err = run_tool("mhboost-plot", "-o", out,
-                                  stdin="\n".join(recorded("run_news.txt"))
-                                  .encode())
+        with open(os.path.join(DATA, "run_news.txt"), "rb") as f:
+            status, _, err = run_tool("mhboost-plot", "-o", out, stdin=f.read())
         if shutil.which("gnuplot") is None:
             self.assertEqual(status, 1)
             self.assertIn("needs gnuplot, which is not installed", err)
