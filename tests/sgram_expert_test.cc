@@ -1,7 +1,7 @@
-// Tests of expert creation over small in-memory data sets (text, discrete,
-// continuous and scored-text attributes, with and without -I), checked
-// against a plain map-based reference; the randomised sort of valued
-// experts; and the prediction of a sparse expert.
+// Expert creation over small in-memory data sets (text, discrete, continuous
+// and scored-text attributes, with and without -I), checked against a plain
+// map-based reference; the seeded sort of valued experts; and the prediction
+// of a sparse expert.
 #include "sgram_expert.h"
 
 #include <gtest/gtest.h>
@@ -26,8 +26,8 @@ using Doubles = std::vector<double>;
 using Strings = std::vector<std::string>;
 
 // A names record and examples built by hand (never freed, like the real
-// ones). Values are strings: "?" for unknown, else the text, the discrete
-// index or the number. The first `train` examples are the training set.
+// ones). Values are "?" for unknown, else the text, discrete index or number.
+// The first `train` examples are the training set.
 struct Data {
   dataset_info names{};
   std::vector<example*> ex;
@@ -42,8 +42,7 @@ struct Data {
     for (size_t j = 0; j < attributes.size(); ++j)
       names.attributes[j] = {strdup(attributes[j].first.c_str()), attributes[j].second, nullptr};
   }
-
-  void Add(const Strings& values, const Ints& labels = {}) {
+  void Add(const Strings& values, const Ints& labels = {}, bool is_train = false) {
     example* e = new example{};
     e->values = new attribute_value[values.size()]{};
     e->is_unknown = new int[values.size()]{};
@@ -57,11 +56,9 @@ struct Data {
       else e->values[j].text = strdup(values[j].c_str());
     }
     ex.push_back(e);
+    if (is_train) train = static_cast<int>(ex.size());
   }
-  void Train(const Strings& values, const Ints& labels) {
-    Add(values, labels);
-    train = static_cast<int>(ex.size());
-  }
+  void Train(const Strings& values, const Ints& labels) { Add(values, labels, true); }
 
   text_expert_rec* Create(term_expander expand, int window, int class_index = -1,
                           int flag_L = 0, pair_combiner fmultiple = max,
@@ -76,7 +73,6 @@ struct Data {
     info.fmultiple = fmultiple;
     return experts = Create_Ngram_Experts(&data, expand, &names, &info);
   }
-
   Strings Terms() const {
     Strings out;
     for (text_expert_rec* r = experts; r->term != nullptr; ++r) out.emplace_back(r->term);
@@ -96,20 +92,16 @@ std::vector<T> List(const T* p, int n) {
   return p == nullptr ? std::vector<T>{} : std::vector<T>(p, p + n);
 }
 
-// ---- reference: every key of every example, gathered in maps ----
-
-struct Entry {
-  int example, count;
-  double value;
-};
-
+// Reference: every key of every example gathered in maps, keys ordered by
+// first appearance in the training set; (example, count, value) per entry.
 struct Reference {
-  Strings order;  // keys by first appearance
-  std::map<std::string, std::vector<Entry>> train, test;
+  Strings order;
+  std::map<std::string, std::vector<std::tuple<int, int, double>>> train, test;
   std::map<std::string, bool> valued;
 };
 
-void AddKeysOf(Reference& ref, const Data& d, int e, bool is_train, term_expander f, int w) {
+void AddKeysOf(Reference& ref, const Data& d, int e, term_expander f, int w) {
+  const bool is_train = e < d.train;
   auto add = [&](const std::string& key, bool valued, double v) {
     if (is_train && !ref.train.count(key)) {
       ref.order.push_back(key);
@@ -118,12 +110,12 @@ void AddKeysOf(Reference& ref, const Data& d, int e, bool is_train, term_expande
     }
     if (!ref.train.count(key)) return;
     if (is_train) ref.valued[key] = ref.valued[key] && valued;
-    std::vector<Entry>& list = (is_train ? ref.train : ref.test)[key];
-    if (!list.empty() && list.back().example == e) {
-      list.back().count++;
-      list.back().value = max(list.back().value, v);
+    auto& list = (is_train ? ref.train : ref.test)[key];
+    if (!list.empty() && std::get<0>(list.back()) == e) {
+      std::get<1>(list.back())++;
+      std::get<2>(list.back()) = max(std::get<2>(list.back()), v);
     } else {
-      list.push_back({e, 1, valued ? v : 0});
+      list.emplace_back(e, 1, valued ? v : 0);
     }
   };
   example* x = d.ex[static_cast<size_t>(e)];
@@ -150,17 +142,6 @@ void AddKeysOf(Reference& ref, const Data& d, int e, bool is_train, term_expande
   }
 }
 
-std::string RandomText(std::mt19937& rng, bool scored) {
-  static const char* words[] = {"a", "b", "c", "dd", "e", "f"};
-  static const char* scores[] = {"1", "0.5", "-2", "3"};
-  std::string t;
-  for (int i = static_cast<int>(rng() % 9); i > 0; --i) {
-    t += std::string(words[rng() % 6]) + " ";
-    if (scored) t += std::string(scores[rng() % 4]) + " ";
-  }
-  return t.empty() ? " " : t;
-}
-
 TEST(CreateExpertsTest, MatchesPlainReferenceOnRandomData) {
   std::mt19937 rng(20240611);
   Data d({{"t", kText}, {"d", 4}, {"n", kContinuous}, {"s", kScoredText}}, 2);
@@ -168,17 +149,19 @@ TEST(CreateExpertsTest, MatchesPlainReferenceOnRandomData) {
     if (rng() % 7 == 0) return "?";
     if (j == 1) return std::to_string(rng() % 4);
     if (j == 2) return std::to_string(static_cast<int>(rng() % 5) - 2);
-    return RandomText(rng, j == 3);
+    static const char* words[] = {"a", "b", "c", "dd", "e", "f"};
+    static const char* scores[] = {"1", "0.5", "-2", "3"};
+    std::string t;
+    for (int i = static_cast<int>(rng() % 9); i > 0; --i)
+      t += std::string(words[rng() % 6]) + " " + (j == 3 ? std::string(scores[rng() % 4]) + " " : "");
+    return t.empty() ? " " : t;
   };
-  for (int i = 0; i < 60; ++i) {
-    Strings values = {value(0), value(1), value(2), value(3)};
-    if (i < 45) d.Train(values, {0}); else d.Add(values);
-  }
+  for (int i = 0; i < 60; ++i) d.Add({value(0), value(1), value(2), value(3)}, {0}, i < 45);
   for (term_expander f : {Next_Sparse_Ngram, Next_Ngram, Next_Ngram_Full}) {
     for (int w : {1, 2, 4}) {
       SCOPED_TRACE("W=" + std::to_string(w));
       Reference ref;
-      for (int e = 0; e < static_cast<int>(d.ex.size()); ++e) AddKeysOf(ref, d, e, e < d.train, f, w);
+      for (int e = 0; e < static_cast<int>(d.ex.size()); ++e) AddKeysOf(ref, d, e, f, w);
       text_expert_rec* x = d.Create(f, w);
       ASSERT_EQ(d.Terms(), ref.order);
       EXPECT_EQ(Num_Text_Experts(), static_cast<int>(ref.order.size()));
@@ -186,35 +169,26 @@ TEST(CreateExpertsTest, MatchesPlainReferenceOnRandomData) {
         const std::string& key = ref.order[k];
         SCOPED_TRACE(key);
         const text_expert_rec& r = x[k];
-        const std::vector<Entry>& tr = ref.train[key];
-        const std::vector<Entry>& te = ref.test[key];
+        const auto &tr = ref.train[key], &te = ref.test[key];
+        const bool valued = ref.valued[key];
         EXPECT_EQ(r.list_id, static_cast<int>(k));
         ASSERT_EQ(r.num_train, static_cast<int>(tr.size()));
         ASSERT_EQ(r.num_test, static_cast<int>(te.size()));
-        std::vector<std::tuple<double, int, int>> want, got;
+        EXPECT_EQ(r.type, valued ? kTypeThreshold : kTypeFgram);
+        EXPECT_EQ(r.values == nullptr && r.test_values == nullptr, !valued);
+        auto want = tr, got = tr;
         for (size_t i = 0; i < tr.size(); ++i) {
-          EXPECT_EQ(r.train_index[i], tr[i].example);
-          if (!ref.valued[key]) {
-            EXPECT_EQ(r.train_count[i], tr[i].count);
-          }
-          want.emplace_back(tr[i].value, tr[i].example, tr[i].count);
+          EXPECT_EQ(r.train_index[i], std::get<0>(tr[i]));
+          if (!valued) EXPECT_EQ(r.train_count[i], std::get<1>(tr[i]));
+          if (valued) EXPECT_EQ(r.values[i], std::get<2>(tr[i]));
+          if (valued) got[i] = {r.sorted_index[i], r.train_count[i], r.sorted_values[i]};
         }
         for (size_t i = 0; i < te.size(); ++i) {
-          EXPECT_EQ(r.test_index[i], te[i].example);
-          EXPECT_EQ(r.test_count[i], te[i].count);
-          if (ref.valued[key]) {
-            EXPECT_EQ(r.test_values[i], te[i].value);
-          }
+          EXPECT_EQ(r.test_index[i], std::get<0>(te[i]));
+          EXPECT_EQ(r.test_count[i], std::get<1>(te[i]));
+          if (valued) EXPECT_EQ(r.test_values[i], std::get<2>(te[i]));
         }
-        if (!ref.valued[key]) {
-          EXPECT_TRUE(r.values == nullptr && r.test_values == nullptr && r.type == kTypeFgram);
-          continue;
-        }
-        EXPECT_EQ(r.type, kTypeThreshold);
-        for (size_t i = 0; i < tr.size(); ++i) {
-          EXPECT_EQ(r.values[i], tr[i].value);
-          got.emplace_back(r.sorted_values[i], r.sorted_index[i], r.train_count[i]);
-        }
+        if (!valued) continue;
         // Sorted ascending, each value with its example and count.
         EXPECT_TRUE(std::is_sorted(r.sorted_values, r.sorted_values + r.num_train));
         std::sort(want.begin(), want.end());
@@ -225,7 +199,7 @@ TEST(CreateExpertsTest, MatchesPlainReferenceOnRandomData) {
   }
 }
 
-TEST(CreateExpertsTest, ValuedKeysCombinersAndRepeats) {
+TEST(CreateExpertsTest, LinearFlagCombinersAndRepeats) {
   Data d({{"size", kContinuous}, {"kw", kScoredText}}, 1);
   d.Train({"2.5", "p 1 "}, {0});
   d.Train({"-1", "p 4 q 2 p 6 "}, {0});
@@ -255,18 +229,23 @@ TEST(CreateExpertsTest, ValuedKeysCombinersAndRepeats) {
 }
 
 TEST(CreateExpertsTest, OneClassKeysWithWholeSetCounts) {
-  // The keys come from class 1's examples, the counts from all; a continuous
+  // Keys come from class 1's examples, counts from all. A continuous
   // attribute gives its key only in first place, even where the value lacks.
-  Data c({{"size", kContinuous}, {"body", kText}, {"n", kContinuous}}, 3);
-  c.Train({"2.5", "x y ", "1"}, {0});
-  c.Train({"?", "y ", "2"}, {1});
-  c.Train({"-1", "y x ", "3"}, {0});
-  c.Add({"4", "y ", "5"});
+  Data c({{"n", kContinuous}, {"t", kText}, {"d", 3}, {"s", kScoredText}, {"m", kContinuous}}, 3);
+  c.Train({"2.5", "x y ", "1", "p 1 ", "1"}, {0});
+  c.Train({"?", "y ", "2", "q 2 p 3 ", "2"}, {1});
+  c.Train({"-1", "y x ", "2", "p 4 ", "3"}, {0});
+  c.Add({"4", "y ", "2", "p 5 ", "5"});
   c.Create(Next_Sparse_Ngram, 1, 1);
-  EXPECT_EQ(c.Terms(), (Strings{"size:", "body:y "}));
-  EXPECT_EQ(List(c.Expert("size:").sorted_values, 2), (Doubles{-1, 2.5}));
-  EXPECT_EQ(List(c.Expert("body:y ").train_index, 3), (Ints{0, 1, 2}));
-  EXPECT_EQ(List(c.Expert("body:y ").test_index, 1), Ints{3});
+  EXPECT_EQ(c.Terms(), (Strings{"n:", "t:y ", "d:2", "s:q ", "s:p "}));
+  EXPECT_EQ(List(c.Expert("n:").sorted_values, 2), (Doubles{-1, 2.5}));
+  EXPECT_EQ(List(c.Expert("t:y ").train_index, 3), (Ints{0, 1, 2}));
+  EXPECT_EQ(List(c.Expert("t:y ").test_index, 1), Ints{3});
+  EXPECT_EQ(List(c.Expert("d:2").train_index, 2), (Ints{1, 2}));
+  EXPECT_EQ(List(c.Expert("d:2").test_index, 1), Ints{3});
+  EXPECT_EQ(List(c.Expert("s:p ").values, 3), (Doubles{1, 3, 4}));
+  EXPECT_EQ(List(c.Expert("s:p ").test_values, 1), Doubles{5});
+  EXPECT_EQ(List(c.Expert("s:q ").train_index, 1), Ints{1});
   // A class no example carries, or one that does not exist: no experts.
   for (int cls : {2, 7}) {
     EXPECT_EQ(c.Create(Next_Sparse_Ngram, 1, cls)[0].term, nullptr);
@@ -305,38 +284,37 @@ TEST(RsortTest, SortsMovesCompanionsAndFollowsTheSeed) {
   EXPECT_EQ(random(), expected);
 }
 
-// Examples as the reader makes them; Read_Data also makes these the names
-// of the run, which the prediction consults.
-example_data* ReadStem(const std::string& names, const std::string& train) {
-  char dir[] = "/tmp/mhboost_sgram_XXXXXX";
-  if (mkdtemp(dir) == nullptr) return nullptr;
-  std::string stem = std::string(dir) + "/s";
-  for (auto [suffix, text] : {std::pair{".names", names}, std::pair{".data", train}}) {
-    FILE* f = fopen((stem + suffix).c_str(), "w");
-    fputs(text.c_str(), f);
-    fclose(f);
-  }
-  dataset_info* dsi = nullptr;
-  example_data* data = Read_Data(stem.c_str(), &dsi, 0, 0);
-  EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
-  return data;
-}
-
 TEST(SgramPredictionTest, PresentOrAbsentInFirstAttribute) {
+  // Read_Data also makes these the names of the run, which the prediction
+  // consults.
+  auto read = [](const std::string& names, const std::string& train) {
+    char dir[] = "/tmp/mhboost_sgram_XXXXXX";
+    EXPECT_NE(mkdtemp(dir), nullptr);
+    std::string stem = std::string(dir) + "/s";
+    for (auto [suffix, text] : {std::pair{".names", names}, std::pair{".data", train}}) {
+      FILE* f = fopen((stem + suffix).c_str(), "w");
+      fputs(text.c_str(), f);
+      fclose(f);
+    }
+    dataset_info* dsi = nullptr;
+    example_data* data = Read_Data(stem.c_str(), &dsi, 0, 0);
+    EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
+    return data;
+  };
   double c0[1] = {-1}, c1[1] = {1};
   char term[] = "a ? c ";
   text_expert_rec h{};
   h.term = term;
   h.c0 = c0;
   h.c1 = c1;
-  example_data* d = ReadStem("c0.\nbody: text.\nn: continuous.\n",
-                             "a b c, 1, c0.\na c, 2, c0.\n?, 3, c0.\n");
+  example_data* d = read("c0.\nbody: text.\nn: continuous.\n",
+                         "a b c, 1, c0.\na c, 2, c0.\n?, 3, c0.\n");
   ASSERT_EQ(d->num_train, 3);
   EXPECT_EQ(Sgram_Expert_Prediction(&h, d->train_examples[0]), c1);
   EXPECT_EQ(Sgram_Expert_Prediction(&h, d->train_examples[1]), c0);
   EXPECT_EQ(Sgram_Expert_Prediction(&h, d->train_examples[2]), c0);
   // A first attribute that holds no text never matches.
-  d = ReadStem("c0.\nn: continuous.\nbody: text.\n", "1, a b c, c0.\n");
+  d = read("c0.\nn: continuous.\nbody: text.\n", "1, a b c, c0.\n");
   EXPECT_EQ(Sgram_Expert_Prediction(&h, d->train_examples[0]), c0);
 }
 

