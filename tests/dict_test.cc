@@ -3,10 +3,9 @@
 #include "dict.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -21,58 +20,23 @@ class Dictionary : public ::testing::Test {
     ASSERT_NE(mkdtemp(pattern), nullptr);
     dir_ = pattern;
   }
-  void TearDown() override {
-    std::string cmd = "rm -rf '" + dir_ + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
-  }
+  void TearDown() override { ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0); }
   std::string Write(const std::string& name, const std::string& text) const {
-    std::string path = dir_ + "/" + name;
-    FILE* f = fopen(path.c_str(), "w");
-    EXPECT_NE(f, nullptr);
-    fwrite(text.data(), 1, text.size(), f);
-    fclose(f);
-    return path;
-  }
-  // The title of the one training example of a task whose text attribute
-  // holds `title`, read with dictionary mode `mode`.
-  std::string FilteredTitle(const std::string& dict, const std::string& title, int mode) {
-    Write("task.dict", dict);
-    Write("task.names", "x, y.\ntitle: text.\n");
-    Write("task.data", title + ", x.\n");
-    dataset_info* d;
-    example_data* data = Read_Data((dir_ + "/task").c_str(), &d, 0, mode);
-    EXPECT_EQ(data->num_train, 1);
-    return data->train_examples[0]->values[0].text;
+    std::ofstream(dir_ + "/" + name) << text;
+    return dir_ + "/" + name;
   }
   std::string dir_;
 };
 
-std::vector<std::string> Words(char** list) {
-  std::vector<std::string> words;
-  for (; *list != nullptr; ++list) words.emplace_back(*list);
-  return words;
-}
-
-std::string Filter(void (*fn)(char**, char*), char** dict, std::string text) {
-  fn(dict, text.data());
-  return text;
-}
-
-TEST_F(Dictionary, ReadsWordsInFileOrder) {
-  char** list = Read_Dictionary(Write("d", "  the\tcat\n\nsat the\r\nend").c_str());
-  EXPECT_EQ(Words(list), (std::vector<std::string>{"the", "cat", "sat", "the", "end"}));
-  // Words lie end to end in one block.
-  EXPECT_EQ(list[1], list[0] + 4);
-
-  char** empty = Read_Dictionary(Write("e", " \n\t").c_str());
-  EXPECT_EQ(empty[0], nullptr);
-
+TEST_F(Dictionary, ReadsWordsInFileOrderIntoOneBlock) {
   std::string huge(5000, 'w');
-  char** long_words = Read_Dictionary(Write("l", "a " + huge + " b").c_str());
-  EXPECT_EQ(Words(long_words), (std::vector<std::string>{"a", huge, "b"}));
-}
+  char** list = Read_Dictionary(Write("d", "  the\tcat\n\nsat the\r\n" + huge + " end").c_str());
+  std::vector<std::string> words(list, list + 6);
+  EXPECT_EQ(words, (std::vector<std::string>{"the", "cat", "sat", "the", huge, "end"}));
+  EXPECT_EQ(list[6], nullptr);
+  EXPECT_EQ(list[1], list[0] + 4);
+  EXPECT_EQ(Read_Dictionary(Write("e", " \n\t").c_str())[0], nullptr);
 
-TEST_F(Dictionary, UnreadableFiles) {
   std::string missing = dir_ + "/none.dict";
   EXPECT_EXIT(Read_Dictionary(missing.c_str()), ::testing::ExitedWithCode(1),
               ::testing::Eq(missing + ": No such file or directory\n"));
@@ -82,41 +46,50 @@ TEST_F(Dictionary, UnreadableFiles) {
 
 TEST_F(Dictionary, FiltersBlankWholeWordsInPlace) {
   char** dict = Read_Dictionary(Write("d", "the cat").c_str());
-  EXPECT_EQ(Filter(Remove_Dict_Words, dict, "the cat sat "), "        sat ");
-  EXPECT_EQ(Filter(Remove_Non_Dict_Words, dict, "the cat sat "), "the cat     ");
-  // Matching is exact and case-sensitive; only a blank separates words.
-  EXPECT_EQ(Filter(Remove_Dict_Words, dict, "Cat cats the\tcat "), "Cat cats the\tcat ");
-  EXPECT_EQ(Filter(Remove_Non_Dict_Words, dict, "cat\tdog  cat "), "         cat ");
-  // A word with no blank after it is left alone.
-  EXPECT_EQ(Filter(Remove_Dict_Words, dict, "the cat"), "    cat");
-}
-
-TEST_F(Dictionary, HandBuiltAndEmptyLists) {
-  char the[] = "the", cat[] = "cat";
-  char* hand[] = {the, cat, nullptr};
-  EXPECT_EQ(Filter(Remove_Dict_Words, hand, "a the cat b "), "a         b ");
-  EXPECT_EQ(Filter(Remove_Non_Dict_Words, hand, "a the cat b "), "  the cat   ");
-
   char* none[] = {nullptr};
-  EXPECT_EQ(Filter(Remove_Dict_Words, none, "a b "), "a b ");
-  EXPECT_EQ(Filter(Remove_Non_Dict_Words, none, "a b "), "    ");
-  EXPECT_EQ(Filter(Remove_Dict_Words, nullptr, "a b "), "a b ");
-  EXPECT_EQ(Filter(Remove_Non_Dict_Words, nullptr, "a b "), "a b ");
+  const struct {
+    char** dict;
+    const char *text, *removed, *kept;
+  } cases[] = {
+      {dict, "the cat sat ", "        sat ", "the cat     "},
+      // Exact, case-sensitive matching; only a space separates words.
+      {dict, "Cat cats the\tcat ", "Cat cats the\tcat ", "                 "},
+      {dict, "cat\tdog  cat ", "cat\tdog      ", "         cat "},
+      // A word with no space after it is left alone.
+      {dict, "the cat", "    cat", "the cat"},
+      {none, "a b ", "a b ", "    "},
+      {nullptr, "a b ", "a b ", "a b "},
+  };
+  for (const auto& c : cases) {
+    std::string removed = c.text, kept = c.text;
+    Remove_Dict_Words(c.dict, removed.data());
+    Remove_Non_Dict_Words(c.dict, kept.data());
+    EXPECT_EQ(removed, c.removed) << c.text;
+    EXPECT_EQ(kept, c.kept) << c.text;
+  }
 }
 
 TEST_F(Dictionary, TextValuesAreFilteredWhileRead) {
-  EXPECT_EQ(FilteredTitle("the", "the cat sat", 2), "cat sat ");
-  EXPECT_EQ(FilteredTitle("cat", "the cat sat", 1), "cat ");
-  EXPECT_EQ(FilteredTitle("", "the cat sat", 1), " ");
-  EXPECT_EQ(FilteredTitle("", "the cat sat", 2), "the cat sat ");
-  EXPECT_EQ(FilteredTitle("cat", "the Cat\tcat  cat", 1), "cat ");
-  // Without a dictionary mode the .dict file is not consulted.
-  EXPECT_EQ(FilteredTitle("cat", "the cat", 0), "the cat ");
-}
-
-TEST_F(Dictionary, MissingDictionaryEndsTheRun) {
-  Write("task.names", "x.\n");
-  std::string stem = dir_ + "/task";
+  const struct {
+    const char *dict, *title;
+    int mode;
+    const char* read;
+  } cases[] = {
+      {"the", "the  cat sat", 2, "cat sat "},
+      {"cat", "the Cat\tcat  cat", 1, "cat "},
+      {"", "the cat", 1, " "},
+      {"cat", "the cat", 0, "the cat "},  // without a mode the file is not consulted
+  };
+  Write("task.names", "x, y.\ntitle: text.\n");
+  for (const auto& c : cases) {
+    Write("task.dict", c.dict);
+    Write("task.data", std::string(c.title) + ", x.\n");
+    dataset_info* d;
+    example_data* data = Read_Data((dir_ + "/task").c_str(), &d, 0, c.mode);
+    ASSERT_EQ(data->num_train, 1);
+    EXPECT_STREQ(data->train_examples[0]->values[0].text, c.read) << c.title;
+  }
+  std::string stem = dir_ + "/none";
   dataset_info* d;
   EXPECT_EXIT(Read_Data(stem.c_str(), &d, 0, 1), ::testing::ExitedWithCode(1),
               ::testing::Eq(stem + ".dict: No such file or directory\n"));
