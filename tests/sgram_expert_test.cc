@@ -179,14 +179,19 @@ TEST(CreateExpertsTest, MatchesPlainReferenceOnRandomData) {
         auto want = tr, got = tr;
         for (size_t i = 0; i < tr.size(); ++i) {
           EXPECT_EQ(r.train_index[i], std::get<0>(tr[i]));
-          if (!valued) EXPECT_EQ(r.train_count[i], std::get<1>(tr[i]));
-          if (valued) EXPECT_EQ(r.values[i], std::get<2>(tr[i]));
-          if (valued) got[i] = {r.sorted_index[i], r.train_count[i], r.sorted_values[i]};
+          if (!valued) {
+            EXPECT_EQ(r.train_count[i], std::get<1>(tr[i]));
+          } else {
+            EXPECT_EQ(r.values[i], std::get<2>(tr[i]));
+            got[i] = {r.sorted_index[i], r.train_count[i], r.sorted_values[i]};
+          }
         }
         for (size_t i = 0; i < te.size(); ++i) {
           EXPECT_EQ(r.test_index[i], std::get<0>(te[i]));
           EXPECT_EQ(r.test_count[i], std::get<1>(te[i]));
-          if (valued) EXPECT_EQ(r.test_values[i], std::get<2>(te[i]));
+          if (valued) {
+            EXPECT_EQ(r.test_values[i], std::get<2>(te[i]));
+          }
         }
         if (!valued) continue;
         // Sorted ascending, each value with its example and count.

@@ -113,7 +113,9 @@ TEST_F(SgramShypTest, RulesFindTheirOccurrences) {
       whs[j].hyp = e;
     }
     hash_table* table = Index_Weak_Hyp(Weak_Expander(), c.W, whs, count);
-    if (&c == cases) EXPECT_EQ(table->num_entries, 2);
+    if (&c == cases) {
+      EXPECT_EQ(table->num_entries, 2);
+    }
     Index_New_Test_Instances(ex, n, Weak_Dsi());
     for (int j = 0; j < count; ++j) {
       const text_expert_rec* e = whs[j].hyp;
