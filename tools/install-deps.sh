@@ -11,15 +11,14 @@ command -v make >/dev/null 2>&1 || need+=(make)
 command -v python3 >/dev/null 2>&1 || need+=(python3)
 optional=()
 command -v gnuplot >/dev/null 2>&1 || optional+=(gnuplot-nox)
-if [ ${#need[@]} -gt 0 ] || [ ${#optional[@]} -gt 0 ]; then
-  SUDO=""
-  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+SUDO=""
+[ "$(id -u)" -ne 0 ] && SUDO="sudo"
+if [ ${#need[@]} -gt 0 ]; then
   $SUDO apt-get update
-  if [ ${#need[@]} -gt 0 ]; then
-    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y "${need[@]}"
-  fi
-  if [ ${#optional[@]} -gt 0 ]; then
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y "${need[@]}"
+fi
+if [ ${#optional[@]} -gt 0 ]; then
+  { [ ${#need[@]} -gt 0 ] || $SUDO apt-get update; } &&
     DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends "${optional[@]}" ||
-      echo "install-deps: could not install ${optional[*]}; mhboost-plot will write SVG only" >&2
-  fi
+    echo "install-deps: could not install ${optional[*]}; mhboost-plot will write SVG only" >&2
 fi
