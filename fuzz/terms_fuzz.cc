@@ -107,9 +107,9 @@ inline std::vector<term_out> Model_Sparse(const std::string& text,
       // Wildcards and blanks are trimmed from both ends, character by
       // character, and one blank is put back behind the last word.
       size_t b = s.find_first_not_of("? ");
-      if (b == std::string::npos) continue;  // nothing real: no term
       size_t e = s.find_last_not_of("? ");
-      std::string term = s.substr(b, e - b + 1) + " ";
+      // Only literal "?" words: the term is the blank left behind.
+      std::string term = b == std::string::npos ? std::string(" ") : s.substr(b, e - b + 1) + " ";
       if (term.find('*') != std::string::npos) continue;
       out.push_back(term_out{term, sc});
     }

@@ -229,8 +229,14 @@ char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
   // Trim wildcards and blanks from both ends, keeping one trailing blank.
   char* s = term_buf.data;
   while (*s == '?' || *s == ' ') ++s;
-  if (*s == '\0') return s;  // nothing real left: an empty term
   char* e = out - 1;
+  if (e < s) {
+    // Nothing but "?" words (text words that are a literal "?"): the term
+    // is the blank that is left behind, as for any other term.
+    s[0] = ' ';
+    s[1] = '\0';
+    return s;
+  }
   while (e > s && (*e == '?' || *e == ' ')) --e;
   e[1] = ' ';
   e[2] = '\0';
@@ -272,8 +278,7 @@ char* Next_Sparse_Ngram(char* text, int W, int type, char** scores,
       first = 1;
       return nullptr;
     }
-    // Empty terms (a window of literal "?" words) carry no word to match.
-    if (term[0] != '\0' && strchr(term, '*') == nullptr) {
+    if (strchr(term, '*') == nullptr) {
       first = 0;
       return term;
     }

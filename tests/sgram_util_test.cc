@@ -64,6 +64,9 @@ TEST(SparseTerms, OrderPaddingAndScores) {
   EXPECT_EQ(Enumerate(Next_Sparse_Ngram, "a b ", 0), Terms{});
   // Words holding "*" look like the padding and are dropped.
   EXPECT_EQ(Enumerate(Next_Sparse_Ngram, "a *b c ", 2), (Terms{"a ", "c "}));
+  // A text word that is a literal "?" (or ends in one) is trimmed like a
+  // wildcard; a window of nothing else leaves the one blank.
+  EXPECT_EQ(Enumerate(Next_Sparse_Ngram, "? b? ", 2), (Terms{"b ", " ", "b "}));
   EXPECT_EQ(Enumerate(Next_Sparse_Ngram, "a 1 bb 22 c 3 ", 3, kScoredText, true),
             (Terms{"a bb c |1|22|3", "a ? c |1|?|3", "a bb |1|22|?", "a |1|?|?",
                    "bb c |22|3|?", "bb |22|?|?", "c |3|?|?"}));
