@@ -426,6 +426,84 @@ void for_slot_ranges(int nslots, const Fn& fn) {
 // Scores the term experts [b, e) of the non-abstaining scan (weights from
 // fill_weight_rows) against the
 // totals T (W[0]), updating best / best_index in array order.
+// The threshold sweep of the real AdaBoost.MH scan, on all threads. Every
+// label's totals and region sums go through the sweep on their own, so the
+// labels are split among the threads, each doing exactly the sequential
+// sweep's operations for its labels; the per-label terms of every candidate
+// position are kept and summed in label order afterwards, as the sequential
+// sweep sums them.
+[[maybe_unused]] long double threshold_by_labels(const double* D, text_expert_rec* e,
+                                                 unsigned char** labels, int k, weight_table W) {
+  const int n = e->num_train;
+  const double* v = e->sorted_values;
+  const int* order = e->sorted_index;
+  std::vector<int> cand;
+  for (int p = -1; p < n; ++p)
+    if (p == -1 || p == n - 1 || v[p + 1] != v[p]) cand.push_back(p);
+  const size_t nc = cand.size();
+  std::vector<double> terms(nc * k);
+  pool->Run(k, [&](int l0, int l1, int) {
+    double* t0 = W[0][0];
+    double* t1 = W[0][1];
+    double *a0 = W[1][0], *a1 = W[1][1], *b0 = W[2][0], *b1 = W[2][1];
+    for (int l = l0; l < l1; ++l) a0[l] = a1[l] = b0[l] = b1[l] = 0.0;
+    for (int j = 0; j < n; ++j) {
+      const int i = order[j];
+      const double* row = D + static_cast<size_t>(i) * k;
+      const unsigned char* yi = labels[i];
+      for (int l = l0; l < l1; ++l) {
+        const double d = row[l];
+        b1[l] += yi[l] ? d : 0.0;
+        b0[l] += yi[l] ? 0.0 : d;
+      }
+    }
+    size_t ci = 0;
+    for (int p = -1; p < n; ++p) {
+      if (p >= 0) {
+        const int i = order[p];
+        const double* row = D + static_cast<size_t>(i) * k;
+        const unsigned char* yi = labels[i];
+        for (int l = l0; l < l1; ++l) {
+          const double d = row[l];
+          a1[l] += yi[l] ? d : 0.0;
+          a0[l] += yi[l] ? 0.0 : d;
+        }
+        for (int l = l0; l < l1; ++l) {
+          const double d = row[l];
+          b1[l] -= yi[l] ? d : 0.0;
+          b0[l] -= yi[l] ? 0.0 : d;
+        }
+      }
+      if (ci >= nc || cand[ci] != p) continue;
+      double* out = &terms[ci * k];
+      for (int l = l0; l < l1; ++l) {
+        double u0 = (t0[l] - a0[l]) - b0[l];
+        double u1 = (t1[l] - a1[l]) - b1[l];
+        if (u0 < 0) u0 = 0.0;
+        if (u1 < 0) u1 = 0.0;
+        if (b0[l] < 0) b0[l] = 0.0;
+        if (b1[l] < 0) b1[l] = 0.0;
+        out[l] = sqrt(u0 * u1) + sqrt(a0[l] * a1[l]) + sqrt(b0[l] * b1[l]);
+        t0[l] = (u0 + a0[l]) + b0[l];
+        t1[l] = (u1 + a1[l]) + b1[l];
+      }
+      ++ci;
+    }
+  });
+  long double best = DBL_MAX;
+  int best_p = -1;
+  for (size_t ci = 0; ci < nc; ++ci) {
+    long double score = 0;
+    for (int l = 0; l < k; ++l) score += terms[ci * k + l];
+    if (score < best) {
+      best = score;
+      best_p = cand[ci];
+    }
+  }
+  e->threshold = Threshold_At(v, n, best_p);
+  return best;
+}
+
 [[maybe_unused]] void scan_term_block(int b, int e, weight_table W, double* best,
                      int* best_index) {
   const int k = num_labels;
@@ -652,9 +730,12 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
       text_expert_rec* x = &experts[e];
       if (x->type != kTypeFgram) {
         // Thresholds and linear experts sweep the shared totals themselves.
-        long double score = x->type == kTypeThreshold
-                                ? Text_Expert_Table_Exp_Loss_Threshold(D, x, y, k, W)
-                                : Text_Expert_Table_Exp_Loss_Linear(D, x, y, k, W);
+        long double score;
+        if (x->type == kTypeThreshold)
+          score = pool->Size() > 1 ? threshold_by_labels(D, x, y, k, W)
+                                   : Text_Expert_Table_Exp_Loss_Threshold(D, x, y, k, W);
+        else
+          score = Text_Expert_Table_Exp_Loss_Linear(D, x, y, k, W);
         const double s = static_cast<double>(score);
         if (s < best) {
           best = s;
