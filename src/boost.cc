@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "die.h"
 #include "optscan.h"
@@ -436,12 +437,13 @@ double compute_loss(struct weak_hyp* entry, double* out_abstain, double alpha) {
   return loss;
 }
 
-double* eval_strong_hyp(double* sums, double* out_margin) {
-  static double* result = nullptr;
+namespace {
+
+// The prediction of the strong hypothesis from one example's score sums,
+// into `result` (k doubles); reentrant, so examples can be evaluated on
+// several threads.
+void strong_prediction(const double* sums, double* out_margin, double* result) {
   const int k = data->num_classes;
-  // At least two slots, so that the two-class utility arithmetic never reads
-  // past the vector for a one-class task.
-  if (result == nullptr) result = static_cast<double*>(Malloc(sizeof(double) * (k < 2 ? 2 : k)));
   double largest = sums[0];
   double second = -10000.0;
   for (int l = 1; l < k; ++l) {
@@ -468,6 +470,17 @@ double* eval_strong_hyp(double* sums, double* out_margin) {
     }
     for (int l = 0; l < k; ++l) result[l] /= total;
   }
+}
+
+}  // namespace
+
+double* eval_strong_hyp(double* sums, double* out_margin) {
+  static double* result = nullptr;
+  const int k = data->num_classes;
+  // At least two slots, so that the two-class utility arithmetic never reads
+  // past the vector for a one-class task.
+  if (result == nullptr) result = static_cast<double*>(Malloc(sizeof(double) * (k < 2 ? 2 : k)));
+  strong_prediction(sums, out_margin, result);
   return result;
 }
 
@@ -485,18 +498,28 @@ void eval_error(int n, example** /*instances*/, unsigned char** labels, double**
     }
     return;
   }
+  // Each example's error and margin on all threads; the totals are then
+  // summed in example order.
+  static std::vector<double> wrongs, margins;
+  wrongs.resize(n > 0 ? n : 1);
+  margins.resize(n > 0 ? n : 1);
+  Run_Parallel(n, [&](int i0, int i1, int) {
+    std::vector<double> result(k < 2 ? 2 : k);
+    for (int i = i0; i < i1; ++i) {
+      strong_prediction(sums[i], &margins[i], result.data());
+      double wrong = 0.0;
+      for (int l = 0; l < k; ++l)
+        if (!labels[i][l]) wrong += result[l];
+      wrongs[i] = wrong;
+    }
+  });
   int rejected = 0;
   for (int i = 0; i < n; ++i) {
-    double margin;
-    double* result = eval_strong_hyp(sums[i], &margin);
-    double wrong = 0.0;
-    for (int l = 0; l < k; ++l)
-      if (!labels[i][l]) wrong += result[l];
-    *out_err += wrong;
-    if (reject_threshold > margin)
+    *out_err += wrongs[i];
+    if (reject_threshold > margins[i])
       rejected++;
     else
-      *out_rej_err += wrong;
+      *out_rej_err += wrongs[i];
   }
   *out_err /= n;
   *out_rej_err /= (n - rejected);
