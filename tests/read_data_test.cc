@@ -1,4 +1,5 @@
-// Tests of the field reader, the names file and the training/test files.
+// Tests of the field reader, the names file, the training/test files and the
+// dictionary filters as the reader applies them.
 // What the command-line cases already show (tests/cli/cases: error messages,
 // value parsing, printing, streaming) is not repeated here.
 #include "read_data.h"
@@ -15,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "dict.h"
+
 namespace {
 
 using ::testing::ExitedWithCode;
@@ -29,10 +32,6 @@ Fields ReadFields(std::string input) {
   EXPECT_EQ(Last_Delimiter(), EOF);
   fclose(in);
   return fields;
-}
-
-std::string Labels(const unsigned char* labels, int n) {
-  return std::string(reinterpret_cast<const char*>(labels), n);
 }
 
 class TempDir : public ::testing::Test {
@@ -83,15 +82,6 @@ TEST(FieldReader, DelimitersCommentsAndPeriods) {
   for (const auto& c : cases) EXPECT_EQ(ReadFields(c.input), c.fields) << c.input;
   EXPECT_EXIT(ReadFields(std::string("ab\0c, d", 7)), ExitedWithCode(1),
               ::testing::Eq("mhboost: input: NUL byte in a field\n"));
-}
-
-TEST(SqueezeSpaces, SingleSpacesAndOneTrailingBlank) {
-  for (auto [in, out] : {std::pair{"  a\t\tb\n", "a b "}, {"a b ", "a b "}, {"word", "word "},
-                         {" \n\t ", " "}, {"", " "}}) {
-    char buf[64];
-    squeeze_spaces(strcpy(buf, in));
-    EXPECT_STREQ(buf, out) << in;
-  }
 }
 
 using NamesFile = TempDir;
@@ -148,50 +138,18 @@ TEST_F(NamesFile, DegenerateFiles) {
 
 using DataFile = TempDir;
 
-TEST_F(DataFile, IndexesSlotsAndSharedLabels) {
-  dataset_info* d;
-  example_data* data = Read_Data(Task("sp, po, sc.\nlen: continuous.\ncolor: discrete 3.\n",
-                                      "3.5, red, sp po.\n?, ?, sc.\n1e3, blue, .\n4, red, po",
-                                      "% test set\n2, green, sp sp.\n")
-                                     .c_str(),
-                                 &d, 0, 0);
-  ASSERT_EQ(data->num_train, 4);
-  ASSERT_EQ(data->num_test, 1);
-  // "?" marks the value unknown and takes no discrete slot.
-  const int slots[] = {0, 0, 1, 0};
-  for (int i = 0; i < 4; ++i) {
-    example* e = data->train_examples[i];
-    EXPECT_EQ(e->index, i);
-    EXPECT_EQ(data->train_labels[i], e->labels);
-    EXPECT_EQ(e->is_unknown[1] ? 0 : e->values[1].index, slots[i]) << i;
-  }
-  EXPECT_EQ(Labels(data->train_labels[0], 3), std::string("\1\1\0", 3));
-  EXPECT_EQ(Labels(data->train_labels[3], 3), std::string("\0\1\0", 3));  // no final period
-  // Test examples continue the numbering and the discrete slots.
-  example* t = data->test_examples[0];
-  EXPECT_EQ(t->index, 4);
-  EXPECT_EQ(t->values[1].index, 2);
-  EXPECT_EQ(data->test_labels[0], t->labels);
-  EXPECT_STREQ(d->attributes[1].values[2], "green");
-}
-
-TEST_F(DataFile, ManyExamplesAndLabelsField) {
+// Slots of discrete values, labels and example numbering are shown by the
+// reader-formats case and checked on every input of the data fuzz target.
+TEST_F(DataFile, GrowthAbsentAndUnopenableFiles) {
   std::string text;
   for (int i = 0; i < 5000; ++i) text += std::to_string(i) + ", " + (i % 2 ? "b" : "a") + ".\n";
   dataset_info* d;
-  example_data* data =
+  example_data* many =
       Read_Data(Task("a, b.\nv: continuous.\n", text.c_str(), nullptr).c_str(), &d, 0, 0);
-  ASSERT_EQ(data->num_train, 5000);
-  EXPECT_DOUBLE_EQ(data->train_examples[4999]->values[0].real, 4999.0);
-  EXPECT_EQ(data->train_labels[4999][1], 1);
+  ASSERT_EQ(many->num_train, 5000);
+  EXPECT_DOUBLE_EQ(many->train_examples[4999]->values[0].real, 4999.0);
+  EXPECT_EQ(many->train_labels[4999][1], 1);
 
-  char repeated[] = "b a b", empty[] = "";
-  EXPECT_EQ(Labels(Read_Labels(d, repeated), 2), std::string("\1\1", 2));
-  EXPECT_EQ(Labels(Read_Labels(d, empty), 2), std::string(2, '\0'));
-}
-
-TEST_F(DataFile, AbsentAndUnopenableFiles) {
-  dataset_info* d;
   example_data* no_test = Read_Data(Task("a, b.\n", "a.\nb.\n", nullptr).c_str(), &d, 0, 0);
   EXPECT_EQ(no_test->num_train, 2);
   EXPECT_EQ(no_test->num_test, 0);
@@ -208,6 +166,40 @@ TEST_F(DataFile, AbsentAndUnopenableFiles) {
   ASSERT_EQ(mkdir(Path("task.data").c_str(), 0755), 0);
   EXPECT_EXIT(Read_Data(Path("task").c_str(), &d, 0, 0), ExitedWithCode(1),
               ::testing::Eq("mhboost: " + Path("task.data") + ": Is a directory\n"));
+}
+
+// The word list and both filters are compared with a direct reading of the
+// rules by the dict fuzz target (replayed by regress_test); here, how the
+// reader applies them to text values, and the refusals.
+using Dictionary = TempDir;
+
+TEST_F(Dictionary, TextValuesAreFilteredWhileRead) {
+  const struct {
+    const char *dict, *title;
+    int mode;
+    const char* read;
+  } cases[] = {
+      {"the", "the  cat sat", 2, "cat sat "},
+      {"cat", "the Cat\tcat  cat", 1, "cat "},
+      {"", "the cat", 1, " "},
+      {"cat", "the cat", 0, "the cat "},  // without a mode the file is not consulted
+  };
+  Write("task.names", "x, y.\ntitle: text.\n");
+  for (const auto& c : cases) {
+    Write("task.dict", c.dict);
+    Write("task.data", std::string(c.title) + ", x.\n");
+    dataset_info* d;
+    example_data* data = Read_Data(Path("task").c_str(), &d, 0, c.mode);
+    ASSERT_EQ(data->num_train, 1);
+    EXPECT_STREQ(data->train_examples[0]->values[0].text, c.read) << c.title;
+  }
+  const std::string stem = Path("none"), dict = stem + ".dict";
+  dataset_info* d;
+  const auto missing = ::testing::Eq(dict + ": No such file or directory\n");
+  EXPECT_EXIT(Read_Data(stem.c_str(), &d, 0, 1), ExitedWithCode(1), missing);
+  EXPECT_EXIT(Read_Dictionary(dict.c_str()), ExitedWithCode(1), missing);
+  EXPECT_EXIT(Read_Dictionary(dir_.c_str()), ExitedWithCode(1),
+              ::testing::Eq("mhboost: " + dir_ + ": Is a directory\n"));
 }
 
 }  // namespace
