@@ -48,18 +48,12 @@ TEST(HashTable, InsertFindGrowAndScanEveryEntryOnce) {
   EXPECT_EQ(symbols, names);
 }
 
-TEST(SparseNgramOccur, CountsEveryStartWhereTheTermFits) {
-  const std::string big(5000, 'x');
-  const struct {
-    std::string text, term;
-    int count;
-  } cases[] = {
-      {"a b a c a b ", "a ? ", 3}, {"a b a c a b ", "a ? a ", 2}, {"a a a ", "a a ", 2},
-      // A term may not run past the end of the text, wildcards included.
-      {"x a ", "a ? ", 0}, {"a ", "a ? c ", 0}, {" ", "a ", 0},
-      {big + " a " + big + " ", "? a " + big + " ", 1}, {big + "y ", big + " ", 0},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Sparse_Ngram_Occur(c.text.c_str(), c.term.c_str()), c.count) << c.term;
+// Matching is compared with a direct model by the terms fuzz target
+// (replayed by regress_test) on short words; here, words of any length.
+TEST(SparseNgramOccur, LongWords) {
+  const std::string big(5000, 'x'), text = big + " a " + big + " ";
+  EXPECT_EQ(Sparse_Ngram_Occur(text.c_str(), ("? a " + big + " ").c_str()), 1);
+  EXPECT_EQ(Sparse_Ngram_Occur((big + "y ").c_str(), (big + " ").c_str()), 0);
 }
 
 // A wildcard's score is skipped, except in first place, where it reads as 0.
