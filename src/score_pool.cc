@@ -60,13 +60,8 @@ Fork_Join_Pool* pool = nullptr;
 std::vector<uint8_t> label_rows;
 // The labels of each example as bit masks, one byte per group of eight
 // labels: bit b of absent byte g is set when the example lacks label
-// 8g + b (bits beyond the last label are clear). The groups holding carried
-// labels are listed apart: carried_group/carried_mask[carried_start[i] ..
-// carried_start[i + 1]).
+// 8g + b (bits beyond the last label are clear).
 std::vector<uint8_t> absent_masks;
-std::vector<int> carried_start;
-std::vector<int> carried_group;
-std::vector<uint8_t> carried_mask;
 int mask_groups = 0;
 std::vector<int> all_examples;  // 0 .. m-1
 // Per round: the weights of the labels an example does not carry.
@@ -89,6 +84,10 @@ std::vector<uint8_t> candidate;  // expert in block -> needs an exact score
 std::vector<long double> scores; // expert in block -> exact score
 std::vector<int> copy_of;        // expert in block -> earlier expert with same score, or -1
 std::vector<long> work_prefix;   // slot -> cumulative list length
+
+// The rows and label bytes of a threshold expert's examples in value order.
+std::vector<double> sorted_rows;
+std::vector<uint8_t> sorted_labels;
 
 // Per-thread working tables for scoring functions called from threads.
 struct Thread_Table {
@@ -157,7 +156,7 @@ void ensure_block_storage(int k) {
 // vector version adds under the label masks: a lane that is masked off is
 // left untouched, so both versions give the same bits.
 void add_split_plain(double* __restrict a0, double* __restrict a1, const double* __restrict rows,
-                     const int* __restrict list, int n, int k) {
+                     const int* __restrict list, int n, int /*avail*/, int k) {
   const uint8_t* y = label_rows.data();
   for (int j = 0; j < n; ++j) {
     const size_t i = static_cast<size_t>(list[j]);
@@ -173,74 +172,75 @@ void add_split_plain(double* __restrict a0, double* __restrict a1, const double*
 }
 
 // One pass over up to 8 * V lanes starting at lane c (a multiple of 8).
-// The absent labels' sums add the whole row with the carried lanes loaded
-// as +0.0 (which changes no bit of a sum); the one or two groups of carried
-// labels of each example are added into a1 in memory under their masks.
+// Both sums of each lane stay in registers: a row is loaded once and added
+// into the absent sums under the example's absent-label mask and into the
+// carried sums under the complementary mask. A masked-off lane keeps its
+// value, so every lane of each sum receives exactly the adds of the plain
+// loop, in the same order.
 template <int V>
 __attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_pass(
     double* __restrict a0, double* __restrict a1, const double* __restrict rows,
-    const uint8_t* __restrict absent, int groups, const int* __restrict list, int n, int k, int c,
-    int c1) {
+    const uint8_t* __restrict absent, int groups, const int* __restrict list, int n, int avail,
+    int k, int c, int c1) {
   __mmask8 lanes[V];
-  __m512d s0[V];
+  __m512d s0[V], s1[V];
+#pragma GCC unroll 16
   for (int v = 0; v < V; ++v) {
     const int left = c1 - (c + 8 * v);
     lanes[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
     s0[v] = _mm512_maskz_loadu_pd(lanes[v], a0 + c + 8 * v);
+    s1[v] = _mm512_maskz_loadu_pd(lanes[v], a1 + c + 8 * v);
   }
   const int g0 = c / 8;
-  const int* cstart = carried_start.data();
-  const int* cgroup = carried_group.data();
-  const uint8_t* cmask = carried_mask.data();
   for (int j = 0; j < n; ++j) {
     const size_t i = static_cast<size_t>(list[j]);
-    if (j + 8 < n) {
+    if (j + 8 < avail) {
       // Rows are scattered: ask for the row a few occurrences ahead.
       const char* ahead = reinterpret_cast<const char*>(rows + static_cast<size_t>(list[j + 8]) * k + c);
       for (int line = 0; line < V * 64; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
     }
     const double* row = rows + i * k;
     const uint8_t* am = absent + i * groups + g0;
+#pragma GCC unroll 16
     for (int v = 0; v < V; ++v) {
-      const __mmask8 take = static_cast<__mmask8>(lanes[v] & am[v]);
-      s0[v] = _mm512_add_pd(s0[v], _mm512_maskz_loadu_pd(take, row + c + 8 * v));
-    }
-    for (int q = cstart[i]; q < cstart[i + 1]; ++q) {
-      const int g = cgroup[q];
-      if (g < g0 || g >= g0 + V) continue;
-      const __mmask8 cm = cmask[q];
-      const __m512d sum = _mm512_add_pd(_mm512_maskz_loadu_pd(cm, a1 + 8 * g),
-                                        _mm512_maskz_loadu_pd(cm, row + 8 * g));
-      _mm512_mask_storeu_pd(a1 + 8 * g, cm, sum);
+      const __m512d r = _mm512_maskz_loadu_pd(lanes[v], row + c + 8 * v);
+      const __mmask8 neg = static_cast<__mmask8>(lanes[v] & am[v]);
+      const __mmask8 pos = static_cast<__mmask8>(lanes[v] & ~am[v]);
+      s0[v] = _mm512_mask_add_pd(s0[v], neg, s0[v], r);
+      s1[v] = _mm512_mask_add_pd(s1[v], pos, s1[v], r);
     }
   }
-  for (int v = 0; v < V; ++v) _mm512_mask_storeu_pd(a0 + c + 8 * v, lanes[v], s0[v]);
+#pragma GCC unroll 16
+  for (int v = 0; v < V; ++v) {
+    _mm512_mask_storeu_pd(a0 + c + 8 * v, lanes[v], s0[v]);
+    _mm512_mask_storeu_pd(a1 + c + 8 * v, lanes[v], s1[v]);
+  }
 }
 
 __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
                                                         double* __restrict a1,
                                                         const double* __restrict rows,
                                                         const int* __restrict list, int n,
-                                                        int k) {
+                                                        int avail, int k) {
   const uint8_t* masks = absent_masks.data();
   for (int c = 0; c < k;) {
     const int left = k - c;
     if (left <= 16) {
-      add_split_avx512_pass<2>(a0, a1, rows, masks, mask_groups, list, n, k, c, k);
+      add_split_avx512_pass<2>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, k);
       c += 16;
     } else if (left <= 32) {
-      add_split_avx512_pass<4>(a0, a1, rows, masks, mask_groups, list, n, k, c, k);
+      add_split_avx512_pass<4>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, k);
       c += 32;
     } else {
       const int end = left <= 64 ? k : c + 64;
-      add_split_avx512_pass<8>(a0, a1, rows, masks, mask_groups, list, n, k, c, end);
+      add_split_avx512_pass<8>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, end);
       c += 64;
     }
   }
 }
 
 using add_split_fn = void (*)(double* __restrict, double* __restrict, const double* __restrict,
-                              const int* __restrict, int, int);
+                              const int* __restrict, int, int, int);
 add_split_fn add_split = add_split_plain;
 
 // The totals' walk through a block: for every expert j in order and every
@@ -272,6 +272,7 @@ __attribute__((target("avx512f"), always_inline)) inline void replay_avx512_pass
   const __m512d zero = _mm512_setzero_pd();
   __mmask8 mask[V];
   __m512d tv[V];
+#pragma GCC unroll 16
   for (int v = 0; v < V; ++v) {
     const int left = c1 - (c + 8 * v);
     mask[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
@@ -282,6 +283,7 @@ __attribute__((target("avx512f"), always_inline)) inline void replay_avx512_pass
     double* u = U + static_cast<size_t>(j) * two_k + c;
     // Only candidates keep their state: most experts are passed over.
     const __mmask8 store = keep[j] ? 0xFF : 0;
+#pragma GCC unroll 16
     for (int v = 0; v < V; ++v) {
       const __m512d av = _mm512_maskz_loadu_pd(mask[v], a + 8 * v);
       const __m512d dv = _mm512_sub_pd(tv[v], av);
@@ -290,6 +292,7 @@ __attribute__((target("avx512f"), always_inline)) inline void replay_avx512_pass
       _mm512_mask_storeu_pd(u + 8 * v, mask[v] & store, uv);
     }
   }
+#pragma GCC unroll 16
   for (int v = 0; v < V; ++v) _mm512_mask_storeu_pd(t + c + 8 * v, mask[v], tv[v]);
 }
 
@@ -337,35 +340,98 @@ void choose_kernels() {
 constexpr int kLongList = 48;
 constexpr int kBandRows = 1024;
 
+// Where each long list crosses into a new band of rows, found once at
+// start-up: the segments of expert e are seg_band/seg_pos[seg_first[e] ..
+// seg_first[e + 1]) for a long list (empty otherwise); segment q covers list
+// positions seg_pos[q] up to the next segment's start, or the list's end.
+std::vector<int> seg_first;
+std::vector<int> seg_band;
+std::vector<int> seg_pos;
+
+void find_band_segments() {
+  seg_first.assign(static_cast<size_t>(num_experts) + 1, 0);
+  seg_band.clear();
+  seg_pos.clear();
+  for (int e = 0; e < num_experts; ++e) {
+    seg_first[e] = static_cast<int>(seg_band.size());
+    const text_expert_rec& x = experts[e];
+    if (x.type != kTypeFgram || x.num_train < kLongList || prev_twin[e] >= 0) continue;
+    int last = -1;
+    for (int j = 0; j < x.num_train; ++j) {
+      const int band = x.train_index[j] / kBandRows;
+      if (band != last) {
+        seg_band.push_back(band);
+        seg_pos.push_back(j);
+        last = band;
+      }
+    }
+  }
+  seg_first[num_experts] = static_cast<int>(seg_band.size());
+}
+
+// One list, or one band's segment of a long list, to add into a slot's sums;
+// its row indices are copied to `flat` at `offset`, so that the kernel can
+// fetch rows ahead across the ends of short lists.
+struct Piece {
+  int slot, offset, length;
+};
+
 // Sums A0/A1 of slots [s0, s1).
 void sum_slots(int s0, int s1, int k) {
   const size_t two_k = 2 * static_cast<size_t>(k);
-  std::vector<int> longs;
+  thread_local std::vector<int> flat;
+  thread_local std::vector<Piece> pieces;
+  thread_local std::vector<int> longs;
+  flat.clear();
+  pieces.clear();
+  longs.clear();
+  size_t long_pieces = 0;
   for (int s = s0; s < s1; ++s) {
-    const text_expert_rec& x = experts[slot_expert[s]];
+    const int e = slot_expert[s];
+    const text_expert_rec& x = experts[e];
     double* a0 = &sums[s * two_k];
     for (size_t c = 0; c < two_k; ++c) a0[c] = 0.0;
-    if (x.num_train >= kLongList)
+    if (seg_first[e + 1] > seg_first[e]) {
       longs.push_back(s);
-    else
-      add_split(a0, a0 + k, weight_rows, x.train_index, x.num_train, k);
+      long_pieces += seg_first[e + 1] - seg_first[e];
+    } else if (x.num_train > 0) {
+      pieces.push_back(Piece{s, static_cast<int>(flat.size()), x.num_train});
+      flat.insert(flat.end(), x.train_index, x.train_index + x.num_train);
+    }
   }
   if (!longs.empty()) {
-    std::vector<int> cursor(longs.size(), 0);
-    const int m = data_set->num_train;
-    for (int band = 0; band < m; band += kBandRows) {
-      const int band_end = band + kBandRows;
-      for (size_t q = 0; q < longs.size(); ++q) {
-        const text_expert_rec& x = experts[slot_expert[longs[q]]];
-        int end = cursor[q];
-        while (end < x.num_train && x.train_index[end] < band_end) ++end;
-        if (end > cursor[q]) {
-          double* a0 = &sums[longs[q] * two_k];
-          add_split(a0, a0 + k, weight_rows, x.train_index + cursor[q], end - cursor[q], k);
-        }
-        cursor[q] = end;
+    // The segments of all long lists ordered by band (each list's segments
+    // keep their order), so that a band of rows read once serves them all.
+    const int nbands = (data_set->num_train + kBandRows - 1) / kBandRows;
+    thread_local std::vector<int> start;
+    thread_local std::vector<Piece> by_band;
+    start.assign(nbands + 1, 0);
+    for (int s : longs) {
+      const int e = slot_expert[s];
+      for (int q = seg_first[e]; q < seg_first[e + 1]; ++q) ++start[seg_band[q] + 1];
+    }
+    for (int b = 0; b < nbands; ++b) start[b + 1] += start[b];
+    by_band.resize(long_pieces);
+    for (int s : longs) {
+      const int e = slot_expert[s];
+      const int last = seg_first[e + 1] - 1;
+      for (int q = seg_first[e]; q <= last; ++q) {
+        const int end = q < last ? seg_pos[q + 1] : experts[e].num_train;
+        // offset holds the list position until the copy below.
+        by_band[start[seg_band[q]]++] = Piece{s, seg_pos[q], end - seg_pos[q]};
       }
     }
+    for (Piece p : by_band) {
+      const int* list = experts[slot_expert[p.slot]].train_index + p.offset;
+      p.offset = static_cast<int>(flat.size());
+      pieces.push_back(p);
+      flat.insert(flat.end(), list, list + p.length);
+    }
+  }
+  const int total = static_cast<int>(flat.size());
+  for (const Piece& p : pieces) {
+    double* a0 = &sums[p.slot * two_k];
+    add_split(a0, a0 + k, weight_rows, flat.data() + p.offset, p.length, total - p.offset, k);
   }
 }
 
@@ -432,8 +498,8 @@ void for_slot_ranges(int nslots, const Fn& fn) {
 // sweep's operations for its labels; the per-label terms of every candidate
 // position are kept and summed in label order afterwards, as the sequential
 // sweep sums them.
-[[maybe_unused]] long double threshold_by_labels(const double* D, text_expert_rec* e,
-                                                 unsigned char** labels, int k, weight_table W) {
+[[maybe_unused]] long double threshold_by_labels(const double* D, text_expert_rec* e, int k,
+                                                 weight_table W) {
   const int n = e->num_train;
   const double* v = e->sorted_values;
   const int* order = e->sorted_index;
@@ -442,15 +508,32 @@ void for_slot_ranges(int nslots, const Fn& fn) {
     if (p == -1 || p == n - 1 || v[p + 1] != v[p]) cand.push_back(p);
   const size_t nc = cand.size();
   std::vector<double> terms(nc * k);
+  // The rows in value order, gathered once so that the sweeps below read
+  // them one after the other.
+  const size_t ku = static_cast<size_t>(k);
+  if (sorted_rows.size() < static_cast<size_t>(n) * ku) {
+    sorted_rows.resize(static_cast<size_t>(n) * ku);
+    sorted_labels.resize(static_cast<size_t>(n) * ku);
+  }
+  pool->Run(n, [&](int j0, int j1, int) {
+    for (int j = j0; j < j1; ++j) {
+      if (j + 8 < j1) {
+        const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + 8]) * ku);
+        for (size_t b = 0; b < ku * sizeof(double); b += 64) _mm_prefetch(ahead + b, _MM_HINT_T0);
+      }
+      const size_t i = static_cast<size_t>(order[j]);
+      memcpy(&sorted_rows[j * ku], D + i * ku, sizeof(double) * ku);
+      memcpy(&sorted_labels[j * ku], &label_rows[i * ku], ku);
+    }
+  });
   pool->Run(k, [&](int l0, int l1, int) {
     double* t0 = W[0][0];
     double* t1 = W[0][1];
     double *a0 = W[1][0], *a1 = W[1][1], *b0 = W[2][0], *b1 = W[2][1];
     for (int l = l0; l < l1; ++l) a0[l] = a1[l] = b0[l] = b1[l] = 0.0;
     for (int j = 0; j < n; ++j) {
-      const int i = order[j];
-      const double* row = D + static_cast<size_t>(i) * k;
-      const unsigned char* yi = labels[i];
+      const double* row = &sorted_rows[j * ku];
+      const unsigned char* yi = &sorted_labels[j * ku];
       for (int l = l0; l < l1; ++l) {
         const double d = row[l];
         b1[l] += yi[l] ? d : 0.0;
@@ -460,9 +543,8 @@ void for_slot_ranges(int nslots, const Fn& fn) {
     size_t ci = 0;
     for (int p = -1; p < n; ++p) {
       if (p >= 0) {
-        const int i = order[p];
-        const double* row = D + static_cast<size_t>(i) * k;
-        const unsigned char* yi = labels[i];
+        const double* row = &sorted_rows[p * ku];
+        const unsigned char* yi = &sorted_labels[p * ku];
         for (int l = l0; l < l1; ++l) {
           const double d = row[l];
           a1[l] += yi[l] ? d : 0.0;
@@ -594,7 +676,7 @@ void Score_Pool_Totals(const double* D, weight_table W) {
     W[0][0][l] = 0.0;
     W[0][1][l] = 0.0;
   }
-  add_split(W[0][0], W[0][1], D, all_examples.data(), data_set->num_train, k);
+  add_split(W[0][0], W[0][1], D, all_examples.data(), data_set->num_train, data_set->num_train, k);
 }
 
 void Run_Parallel(int n, const std::function<void(int, int, int)>& fn) {
@@ -625,27 +707,16 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   mask_groups = (k + 7) / 8;
   // Padded so that a pass over eight groups never reads past the end.
   absent_masks.assign(static_cast<size_t>(m) * mask_groups + 8, 0);
-  carried_start.assign(m + 1, 0);
-  carried_group.clear();
-  carried_mask.clear();
   for (int i = 0; i < m; ++i) {
     for (int g = 0; g < mask_groups; ++g) {
-      uint8_t carried = 0, absent = 0;
-      for (int b = 0; b < 8 && 8 * g + b < k; ++b) {
-        if (d->train_labels[i][8 * g + b])
-          carried |= static_cast<uint8_t>(1u << b);
-        else
-          absent |= static_cast<uint8_t>(1u << b);
-      }
+      uint8_t absent = 0;
+      for (int b = 0; b < 8 && 8 * g + b < k; ++b)
+        if (!d->train_labels[i][8 * g + b]) absent |= static_cast<uint8_t>(1u << b);
       absent_masks[static_cast<size_t>(i) * mask_groups + g] = absent;
-      if (carried != 0) {
-        carried_group.push_back(g);
-        carried_mask.push_back(carried);
-      }
     }
-    carried_start[i + 1] = static_cast<int>(carried_group.size());
   }
   find_twins();
+  find_band_segments();
   ensure_block_storage(k);
   choose_kernels();
   delete pool;
@@ -732,8 +803,7 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
         // Thresholds and linear experts sweep the shared totals themselves.
         long double score;
         if (x->type == kTypeThreshold)
-          score = pool->Size() > 1 ? threshold_by_labels(D, x, y, k, W)
-                                   : Text_Expert_Table_Exp_Loss_Threshold(D, x, y, k, W);
+          score = threshold_by_labels(D, x, k, W);
         else
           score = Text_Expert_Table_Exp_Loss_Linear(D, x, y, k, W);
         const double s = static_cast<double>(score);
