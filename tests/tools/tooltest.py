@@ -1,8 +1,6 @@
-"""Shared helpers of the tool tests: where the tools and the mhboost binary
-are, running them, and a scratch directory per test."""
+"""Shared helpers of the tool tests: the mhboost binary, running a tool or
+a command, and a scratch directory per test."""
 
-import importlib.machinery
-import importlib.util
 import os
 import subprocess
 import sys
@@ -11,7 +9,6 @@ import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(
     os.path.abspath(__file__))))
-TOOLS = os.path.join(ROOT, "tools")
 DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "data")
 
 
@@ -22,30 +19,19 @@ def binary():
     return path if os.access(path, os.X_OK) else None
 
 
-def needs_binary(test):
-    return unittest.skipIf(binary() is None,
-                           "no mhboost binary (build/mhboost)")(test)
+needs_binary = unittest.skipIf(binary() is None,
+                               "no mhboost binary (build/mhboost)")
 
 
-def load_tool(name):
-    """Imports a tool script (they have no .py suffix) as a module."""
-    loader = importlib.machinery.SourceFileLoader(name.replace("-", "_"),
-                                                  os.path.join(TOOLS, name))
-    module = importlib.util.module_from_spec(
-        importlib.util.spec_from_loader(loader.name, loader))
-    loader.exec_module(module)
-    return module
-
-
-def run(args, stdin=b"", cwd=None):
+def run(args, stdin=b""):
     """Runs a command; returns (status, stdout bytes, stderr text)."""
-    p = subprocess.run(args, input=stdin, cwd=cwd, capture_output=True)
+    p = subprocess.run(args, input=stdin, capture_output=True)
     return p.returncode, p.stdout, p.stderr.decode("utf-8", "replace")
 
 
-def run_tool(name, *args, stdin=b"", cwd=None):
-    return run([sys.executable, os.path.join(TOOLS, name)] + list(args),
-               stdin=stdin, cwd=cwd)
+def run_tool(name, *args, stdin=b""):
+    return run([sys.executable, os.path.join(ROOT, "tools", name)] +
+               list(args), stdin=stdin)
 
 
 class TempDirTest(unittest.TestCase):
