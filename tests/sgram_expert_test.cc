@@ -1,16 +1,13 @@
 // Expert creation over small in-memory data sets (text, discrete, continuous
 // and scored-text attributes, with and without -I and -L), checked against a
-// plain map-based reference; the seeded sort of valued experts; and the
-// prediction of a sparse expert.
+// plain map-based reference, and the seeded sort of valued experts.
 #include "sgram_expert.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <random>
 #include <string>
@@ -260,34 +257,6 @@ TEST(RsortTest, FollowsTheSeed) {
   long expected = random();
   run({4.0}, 9);
   EXPECT_EQ(random(), expected);
-}
-
-// Read_Data also makes these the names of the run, which the prediction
-// consults: only a text in the first attribute can hold the term.
-TEST(SgramPredictionTest, PresentOrAbsentInFirstAttribute) {
-  auto read = [](const std::string& names, const std::string& train) {
-    char dir[] = "/tmp/mhboost_sgram_XXXXXX";
-    EXPECT_NE(mkdtemp(dir), nullptr);
-    const std::string stem = std::string(dir) + "/s";
-    std::ofstream(stem + ".names") << names;
-    std::ofstream(stem + ".data") << train;
-    dataset_info* dsi = nullptr;
-    example_data* data = Read_Data(stem.c_str(), &dsi, 0, 0);
-    EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
-    return data->train_examples;
-  };
-  double c0[1] = {-1}, c1[1] = {1};
-  char term[] = "a ? c ";
-  text_expert_rec h{};
-  h.term = term;
-  h.c0 = c0;
-  h.c1 = c1;
-  example** ex = read("c0.\nbody: text.\nn: continuous.\n", "a b c, 1, c0.\na c, 2, c0.\n?, 3, c0.\n");
-  EXPECT_EQ(Sgram_Expert_Prediction(&h, ex[0]), c1);
-  EXPECT_EQ(Sgram_Expert_Prediction(&h, ex[1]), c0);
-  EXPECT_EQ(Sgram_Expert_Prediction(&h, ex[2]), c0);
-  ex = read("c0.\nn: continuous.\nbody: text.\n", "1, a b c, c0.\n");
-  EXPECT_EQ(Sgram_Expert_Prediction(&h, ex[0]), c0);
 }
 
 }  // namespace
