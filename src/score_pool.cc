@@ -223,18 +223,18 @@ __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
                                                         const int* __restrict list, int n,
                                                         int avail, int k) {
   const uint8_t* masks = absent_masks.data();
-  for (int c = 0; c < k;) {
-    const int left = k - c;
-    if (left <= 16) {
-      add_split_avx512_pass<2>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, k);
-      c += 16;
-    } else if (left <= 32) {
-      add_split_avx512_pass<4>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, k);
-      c += 32;
-    } else {
-      const int end = left <= 64 ? k : c + 64;
-      add_split_avx512_pass<8>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, end);
-      c += 64;
+  // Passes of at most 64 lanes, each with exactly as many vectors as it
+  // has groups of eight lanes.
+  for (int c = 0; c < k; c += 64) {
+    const int end = k - c <= 64 ? k : c + 64;
+    switch ((end - c + 7) / 8) {
+#define MHB_PASS(V) \
+  case V:           \
+    add_split_avx512_pass<V>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, end); \
+    break;
+      MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
+      MHB_PASS(8)
+#undef MHB_PASS
     }
   }
 }
@@ -302,18 +302,19 @@ __attribute__((target("avx512f"))) void replay_avx512(double* __restrict t,
                                                      const uint8_t* __restrict keep, int n,
                                                      double* __restrict U, int two_k, int c0,
                                                      int c1) {
-  for (int c = c0; c < c1;) {
-    const int lanes = c1 - c;
-    if (lanes <= 32) {
-      replay_avx512_pass<4>(t, sums, slot, keep, n, U, two_k, c, c1);
-      c += 32;
-    } else if (lanes <= 64) {
-      replay_avx512_pass<8>(t, sums, slot, keep, n, U, two_k, c, c1);
-      c += 64;
-    } else {
-      const int end = lanes <= 128 ? c1 : c + 128;
-      replay_avx512_pass<16>(t, sums, slot, keep, n, U, two_k, c, end);
-      c += 128;
+  // Passes of at most 128 lanes, each with exactly as many vectors as it
+  // has groups of eight lanes.
+  for (int c = c0; c < c1; c += 128) {
+    const int end = c1 - c <= 128 ? c1 : c + 128;
+    switch ((end - c + 7) / 8) {
+#define MHB_PASS(V) \
+  case V:           \
+    replay_avx512_pass<V>(t, sums, slot, keep, n, U, two_k, c, end); \
+    break;
+      MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
+      MHB_PASS(8) MHB_PASS(9) MHB_PASS(10) MHB_PASS(11) MHB_PASS(12) MHB_PASS(13) MHB_PASS(14)
+      MHB_PASS(15) MHB_PASS(16)
+#undef MHB_PASS
     }
   }
 }
