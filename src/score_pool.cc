@@ -63,7 +63,6 @@ std::vector<uint8_t> label_rows;
 // 8g + b (bits beyond the last label are clear).
 std::vector<uint8_t> absent_masks;
 int mask_groups = 0;
-std::vector<int> all_examples;  // 0 .. m-1
 // Per round: the weights of the labels an example does not carry.
 // Per round: a copy of the weights. Rows are read at random, so the copy
 // sits on huge pages where the system offers them, and a row rarely misses
@@ -451,7 +450,11 @@ void sum_slots(int s0, int s1, int k) {
     madvise(weight_rows, bytes, MADV_HUGEPAGE);
     weight_capacity = mk;
   }
-  memcpy(weight_rows, D, sizeof(double) * mk);
+  pool->Run(pool->Size(), [&](int t0, int t1, int) {
+    const size_t threads = static_cast<size_t>(pool->Size());
+    const size_t lo = mk * static_cast<size_t>(t0) / threads, hi = mk * static_cast<size_t>(t1) / threads;
+    memcpy(weight_rows + lo, D + lo, sizeof(double) * (hi - lo));
+  });
 }
 
 // Assigns slots to the term experts of block [b, e); returns the slot count.
@@ -677,7 +680,23 @@ void Score_Pool_Totals(const double* D, weight_table W) {
     W[0][0][l] = 0.0;
     W[0][1][l] = 0.0;
   }
-  add_split(W[0][0], W[0][1], D, all_examples.data(), data_set->num_train, data_set->num_train, k);
+  // Each label's totals are summed over the examples in order on their own,
+  // so the labels are split among the threads.
+  const size_t m = static_cast<size_t>(data_set->num_train);
+  const size_t ku = static_cast<size_t>(k);
+  const uint8_t* y = label_rows.data();
+  Run_Parallel(k, [&](int l0, int l1, int) {
+    double* t0 = W[0][0];
+    double* t1 = W[0][1];
+    for (size_t i = 0; i < m; ++i) {
+      const double* row = D + i * ku;
+      const uint8_t* yr = y + i * ku;
+      for (int l = l0; l < l1; ++l) {
+        t1[l] += yr[l] ? row[l] : 0.0;
+        t0[l] += yr[l] ? 0.0 : row[l];
+      }
+    }
+  });
 }
 
 void Run_Parallel(int n, const std::function<void(int, int, int)>& fn) {
@@ -703,8 +722,6 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   label_rows.assign(static_cast<size_t>(m) * k, 0);
   for (int i = 0; i < m; ++i)
     for (int l = 0; l < k; ++l) label_rows[static_cast<size_t>(i) * k + l] = d->train_labels[i][l] ? 1 : 0;
-  all_examples.resize(m);
-  for (int i = 0; i < m; ++i) all_examples[i] = i;
   mask_groups = (k + 7) / 8;
   // Padded so that a pass over eight groups never reads past the end.
   absent_masks.assign(static_cast<size_t>(m) * mask_groups + 8, 0);
