@@ -74,15 +74,34 @@ size_t weight_capacity = 0;
 std::vector<int> prev_twin;
 
 // Block working storage.
-std::vector<int> slot_of;        // expert in block -> slot
-std::vector<int> slot_expert;    // slot -> representative expert
+// The blocks of the scan and their slots never change during a run, so
+// they are laid out once: the scan is a sequence of steps, each a single
+// expert of another type or a block of up to kBlock consecutive term
+// experts; a block gives each distinct list among its experts a slot.
+struct Scan_Step {
+  int b, e;         // experts [b, e)
+  int block;        // index into term_blocks, or -1 for a single expert
+};
+struct Term_Block {
+  int slot_base;    // first slot in slot_expert_all
+  int nslots;
+  long prefix_base; // first entry in work_prefix_all (nslots + 1 entries)
+};
+std::vector<Scan_Step> scan_steps;
+std::vector<Term_Block> term_blocks;
+std::vector<int> slot_of_all;        // expert -> slot within its block
+std::vector<int> slot_expert_all;    // slot -> representative expert
+std::vector<long> work_prefix_all;   // per block: slot -> cumulative list length
+// The current block's views of the arrays above.
+const int* slot_of = nullptr;
+const int* slot_expert = nullptr;
+const long* work_prefix = nullptr;
 std::vector<double> sums;        // slot -> 2k sums [A0 | A1]
 std::vector<double> bound;       // slot -> lower bound of the score
 std::vector<double> state;       // expert in block -> 2k replayed [U0 | U1]
 std::vector<uint8_t> candidate;  // expert in block -> needs an exact score
 std::vector<long double> scores; // expert in block -> exact score
 std::vector<int> copy_of;        // expert in block -> earlier expert with same score, or -1
-std::vector<long> work_prefix;   // slot -> cumulative list length
 
 // The rows and label bytes of a threshold expert's examples in value order.
 std::vector<double> sorted_rows;
@@ -138,15 +157,12 @@ void find_twins() {
 
 void ensure_block_storage(int k) {
   const size_t two_k = 2 * static_cast<size_t>(k);
-  slot_of.resize(kBlock);
-  slot_expert.resize(kBlock);
   sums.resize(kBlock * two_k);
   bound.resize(kBlock);
   state.resize(kBlock * two_k);
   candidate.resize(kBlock);
   scores.resize(kBlock);
   copy_of.resize(kBlock);
-  work_prefix.resize(kBlock + 1);
 }
 
 // Adds the weight rows of `list` into a0 (labels the example does not
@@ -457,22 +473,43 @@ void sum_slots(int s0, int s1, int k) {
   });
 }
 
-// Assigns slots to the term experts of block [b, e); returns the slot count.
-int assign_slots(int b, int e) {
-  int nslots = 0;
-  for (int j = b; j < e; ++j) {
-    const int twin = prev_twin[j];
-    if (twin >= b) {
-      slot_of[j - b] = slot_of[twin - b];
-    } else {
-      slot_of[j - b] = nslots;
-      slot_expert[nslots++] = j;
+// Lays out the scan's steps, blocks and slots (see Scan_Step).
+void lay_out_blocks() {
+  scan_steps.clear();
+  term_blocks.clear();
+  slot_of_all.assign(num_experts, 0);
+  slot_expert_all.clear();
+  work_prefix_all.clear();
+  int e = 0;
+  while (e < num_experts) {
+    if (experts[e].type != kTypeFgram) {
+      scan_steps.push_back(Scan_Step{e, e + 1, -1});
+      ++e;
+      continue;
     }
+    int end = e;
+    while (end < num_experts && end - e < kBlock && experts[end].type == kTypeFgram) ++end;
+    Term_Block blk{static_cast<int>(slot_expert_all.size()), 0,
+                   static_cast<long>(work_prefix_all.size())};
+    for (int j = e; j < end; ++j) {
+      const int twin = prev_twin[j];
+      if (twin >= e) {
+        slot_of_all[j] = slot_of_all[twin];
+      } else {
+        slot_of_all[j] = blk.nslots++;
+        slot_expert_all.push_back(j);
+      }
+    }
+    long work = 0;
+    work_prefix_all.push_back(0);
+    for (int q = 0; q < blk.nslots; ++q) {
+      work += experts[slot_expert_all[blk.slot_base + q]].num_train + 1;
+      work_prefix_all.push_back(work);
+    }
+    scan_steps.push_back(Scan_Step{e, end, static_cast<int>(term_blocks.size())});
+    term_blocks.push_back(blk);
+    e = end;
   }
-  work_prefix[0] = 0;
-  for (int s = 0; s < nslots; ++s)
-    work_prefix[s + 1] = work_prefix[s] + experts[slot_expert[s]].num_train + 1;
-  return nslots;
 }
 
 // Runs fn(s0, s1) over slots [0, nslots) split into one range per thread
@@ -485,8 +522,8 @@ void for_slot_ranges(int nslots, const Fn& fn) {
     for (int t = t0; t < t1; ++t) {
       const long lo = total * t / threads, hi = total * (t + 1) / threads;
       // First slot whose work starts at or after lo.
-      int s0 = static_cast<int>(std::lower_bound(work_prefix.begin(), work_prefix.begin() + nslots, lo) - work_prefix.begin());
-      int s1 = static_cast<int>(std::lower_bound(work_prefix.begin(), work_prefix.begin() + nslots, hi) - work_prefix.begin());
+      int s0 = static_cast<int>(std::lower_bound(work_prefix, work_prefix + nslots, lo) - work_prefix);
+      int s1 = static_cast<int>(std::lower_bound(work_prefix, work_prefix + nslots, hi) - work_prefix);
       if (t == threads - 1) s1 = nslots;
       if (s0 < s1) fn(s0, s1);
     }
@@ -590,7 +627,7 @@ void for_slot_ranges(int nslots, const Fn& fn) {
   return best;
 }
 
-[[maybe_unused]] void scan_term_block(int b, int e, weight_table W, double* best,
+[[maybe_unused]] void scan_term_block(int b, int e, int block, weight_table W, double* best,
                      int* best_index) {
   const int k = num_labels;
   const size_t two_k = 2 * static_cast<size_t>(k);
@@ -610,7 +647,11 @@ void for_slot_ranges(int nslots, const Fn& fn) {
   // Totals that are not finite give no usable bound: score every expert.
   if (!std::isfinite(limit)) limit = HUGE_VAL;
 
-  const int nslots = assign_slots(b, e);
+  const Term_Block& blk = term_blocks[block];
+  slot_of = &slot_of_all[b];
+  slot_expert = &slot_expert_all[blk.slot_base];
+  work_prefix = &work_prefix_all[blk.prefix_base];
+  const int nslots = blk.nslots;
   for_slot_ranges(nslots, [&](int s0, int s1) { sum_slots(s0, s1, k); });
   pool->Run(nslots, [&](int s0, int s1, int) {
     for (int s = s0; s < s1; ++s) {
@@ -633,7 +674,7 @@ void for_slot_ranges(int nslots, const Fn& fn) {
   pool->Run(lane_groups, [&](int g0, int g1, int) {
     const int c0 = g0 * 8;
     const int c1 = std::min(static_cast<int>(two_k), g1 * 8);
-    replay(totals.data(), sums.data(), slot_of.data(), candidate.data(), n, state.data(),
+    replay(totals.data(), sums.data(), slot_of, candidate.data(), n, state.data(),
            static_cast<int>(two_k), c0, c1);
   });
   memcpy(t0, totals.data(), sizeof(double) * k);
@@ -735,6 +776,7 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   }
   find_twins();
   find_band_segments();
+  lay_out_blocks();
   ensure_block_storage(k);
   choose_kernels();
   delete pool;
@@ -814,10 +856,10 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
 
   if (!abstaining) {
     fill_weight_rows(D);
-    int e = 0;
-    while (e < num_experts) {
+    for (const Scan_Step& step : scan_steps) {
+      const int e = step.b;
       text_expert_rec* x = &experts[e];
-      if (x->type != kTypeFgram) {
+      if (step.block < 0) {
         // Thresholds and linear experts sweep the shared totals themselves.
         long double score;
         if (x->type == kTypeThreshold)
@@ -829,13 +871,9 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
           best = s;
           best_index = e;
         }
-        ++e;
         continue;
       }
-      int end = e;
-      while (end < num_experts && end - e < kBlock && experts[end].type == kTypeFgram) ++end;
-      scan_term_block(e, end, W, &best, &best_index);
-      e = end;
+      scan_term_block(step.b, step.e, step.block, W, &best, &best_index);
     }
     return best_index;
   }
