@@ -29,6 +29,7 @@
 #include "score_pool.h"
 
 #include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
@@ -653,32 +654,83 @@ void for_slot_ranges(int nslots, const Fn& fn) {
   work_prefix = &work_prefix_all[blk.prefix_base];
   const int nslots = blk.nslots;
   for_slot_ranges(nslots, [&](int s0, int s1) { sum_slots(s0, s1, k); });
-  pool->Run(nslots, [&](int s0, int s1, int) {
+
+  // The totals at the start of the block, as one 2k-vector [T0 | T1].
+  std::vector<double> totals(two_k);
+  memcpy(totals.data(), t0, sizeof(double) * k);
+  memcpy(totals.data() + k, t1, sizeof(double) * k);
+
+  // Bounds, and the lanes that any slot of the block would move: a lane
+  // where max(T - A, 0) + A gives back T for every slot keeps its total
+  // through the whole block, so only the other lanes need the replay.
+  const int lane_groups = static_cast<int>((two_k + 7) / 8);
+  std::vector<uint8_t> moved(static_cast<size_t>(pool->Size()) * lane_groups, 0);
+  pool->Run(nslots, [&](int s0, int s1, int thread) {
+    uint8_t* mv = &moved[static_cast<size_t>(thread) * lane_groups];
+    const double* tv = totals.data();
     for (int s = s0; s < s1; ++s) {
-    const double* a0 = &sums[s * two_k];
-    const double* a1 = a0 + k;
-    double lin = 0.0;
-    for (int l = 0; l < k; ++l) lin += r0[l] * a0[l] + r1[l] * a1[l];
-    bound[s] = g_total - lin;
+      const double* a0 = &sums[s * two_k];
+      const double* a1 = a0 + k;
+      double lin = 0.0;
+      for (int l = 0; l < k; ++l) lin += r0[l] * a0[l] + r1[l] * a1[l];
+      bound[s] = g_total - lin;
+      for (int g = 0; g < lane_groups; ++g) {
+        const int c1 = std::min(static_cast<int>(two_k), 8 * g + 8);
+        int changed = 0;
+        for (int c = 8 * g; c < c1; ++c) {
+          double v = tv[c] - a0[c];
+          if (v < 0) v = 0.0;
+          changed |= std::bit_cast<uint64_t>(v + a0[c]) != std::bit_cast<uint64_t>(tv[c]);
+        }
+        mv[g] |= static_cast<uint8_t>(changed);
+      }
     }
   });
+  for (int t = 1; t < pool->Size(); ++t)
+    for (int g = 0; g < lane_groups; ++g) moved[g] |= moved[static_cast<size_t>(t) * lane_groups + g];
+  std::vector<int> busy;
+  for (int g = 0; g < lane_groups; ++g)
+    if (moved[g]) busy.push_back(g);
+
   const int n = e - b;
   for (int j = 0; j < n; ++j)
     candidate[j] = limit == HUGE_VAL || bound[slot_of[j]] < limit;
 
-  // Replay of the totals in array order, lanes split among the threads.
-  std::vector<double> totals(two_k);
-  memcpy(totals.data(), t0, sizeof(double) * k);
-  memcpy(totals.data() + k, t1, sizeof(double) * k);
-  const int lane_groups = static_cast<int>((two_k + 7) / 8);
-  pool->Run(lane_groups, [&](int g0, int g1, int) {
-    const int c0 = g0 * 8;
-    const int c1 = std::min(static_cast<int>(two_k), g1 * 8);
-    replay(totals.data(), sums.data(), slot_of, candidate.data(), n, state.data(),
-           static_cast<int>(two_k), c0, c1);
+  // Replay of the totals in array order for the lanes that move, split
+  // among the threads; consecutive lane groups go to the kernel together.
+  const std::vector<double> start_totals = totals;
+  pool->Run(static_cast<int>(busy.size()), [&](int q0, int q1, int) {
+    for (int q = q0; q < q1;) {
+      int r = q + 1;
+      while (r < q1 && busy[r] == busy[r - 1] + 1) ++r;
+      const int c0 = busy[q] * 8;
+      const int c1 = std::min(static_cast<int>(two_k), busy[r - 1] * 8 + 8);
+      replay(totals.data(), sums.data(), slot_of, candidate.data(), n, state.data(),
+             static_cast<int>(two_k), c0, c1);
+      q = r;
+    }
   });
   memcpy(t0, totals.data(), sizeof(double) * k);
   memcpy(t1, totals.data() + k, sizeof(double) * k);
+  // The candidates' states in the lanes that did not move.
+  if (static_cast<int>(busy.size()) < lane_groups) {
+    pool->Run(n, [&](int j0, int j1, int) {
+      for (int j = j0; j < j1; ++j) {
+        if (!candidate[j]) continue;
+        const double* a = &sums[slot_of[j] * two_k];
+        double* u = &state[j * two_k];
+        for (int g = 0; g < lane_groups; ++g) {
+          if (moved[g]) continue;
+          const int c1 = std::min(static_cast<int>(two_k), 8 * g + 8);
+          for (int c = 8 * g; c < c1; ++c) {
+            double v = start_totals[c] - a[c];
+            if (v < 0) v = 0.0;
+            u[c] = v;
+          }
+        }
+      }
+    });
+  }
 
   // Exact scores of the candidates; an expert whose twin just before it saw
   // the same totals has the same score.
