@@ -628,6 +628,18 @@ void for_slot_ranges(int nslots, const Fn& fn) {
   return best;
 }
 
+// The abstaining score of a term expert from its sums, computed as the
+// abstaining scoring function computes it.
+[[maybe_unused]] long double abstaining_score(const double* a0, const double* a1, int k) {
+  long double score = 0;
+  long double total = 0;
+  for (int l = 0; l < k; ++l) {
+    score += sqrt(a0[l] * a1[l]);
+    total += a0[l] + a1[l];
+  }
+  return score + 0.5 * (1 - total);
+}
+
 [[maybe_unused]] void scan_term_block(int b, int e, int block, weight_table W, double* best,
                      int* best_index) {
   const int k = num_labels;
@@ -935,34 +947,55 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
   last_scored = -1;
   last_D = D;
   long double previous = 0;
-  for (int b = 0; b < num_experts; b += kBlock) {
-    const int e = b + kBlock < num_experts ? b + kBlock : num_experts;
-    const int n = e - b;
-    for (int j = 0; j < n; ++j) copy_of[j] = prev_twin[b + j] >= b ? prev_twin[b + j] - b : -1;
-    pool->Run(n, [&](int j0, int j1, int t) {
+  fill_weight_rows(D);
+  const size_t two_k = 2 * static_cast<size_t>(k);
+  auto take = [&](int j, bool scored, long double score) {
+    if (scored) {
+      previous = score;
+      last_scored = j;
+    }
+    const double s = static_cast<double>(previous);
+    if (s < best) {
+      best = s;
+      best_index = j;
+    }
+  };
+  const int nsteps = static_cast<int>(scan_steps.size());
+  for (int q = 0; q < nsteps;) {
+    const Scan_Step& step = scan_steps[q];
+    if (step.block >= 0) {
+      // Term experts: each distinct list summed and scored once.
+      const Term_Block& blk = term_blocks[step.block];
+      slot_of = &slot_of_all[step.b];
+      slot_expert = &slot_expert_all[blk.slot_base];
+      work_prefix = &work_prefix_all[blk.prefix_base];
+      for_slot_ranges(blk.nslots, [&](int s0, int s1) { sum_slots(s0, s1, k); });
+      pool->Run(blk.nslots, [&](int s0, int s1, int) {
+        for (int s = s0; s < s1; ++s) {
+          const double* a0 = &sums[s * two_k];
+          scores[s] = abstaining_score(a0, a0 + k, k);
+        }
+      });
+      for (int j = step.b; j < step.e; ++j) take(j, true, scores[slot_of[j - step.b]]);
+      ++q;
+      continue;
+    }
+    // A run of single experts of other types, thresholds scored in parallel.
+    int r = q;
+    while (r < nsteps && scan_steps[r].block < 0 && r - q < kBlock) ++r;
+    pool->Run(r - q, [&](int j0, int j1, int t) {
       Thread_Table& tt = thread_tables[t];
       for (int j = j0; j < j1; ++j) {
-        text_expert_rec* x = &experts[b + j];
-        if (x->type == kTypeFgram) {
-          if (copy_of[j] < 0) scores[j] = Text_Expert_Table_Exp_Loss_Randomized(D, x, y, k, tt.w);
-        } else if (x->type == kTypeThreshold) {
+        text_expert_rec* x = &experts[scan_steps[q + j].b];
+        if (x->type == kTypeThreshold)
           scores[j] = Text_Expert_Table_Exp_Loss_Threshold_Randomized(D, x, y, k, tt.w);
-        }
       }
     });
-    for (int j = 0; j < n; ++j) {
-      const text_expert_rec* x = &experts[b + j];
-      if (x->type == kTypeFgram || x->type == kTypeThreshold) {
-        if (x->type == kTypeFgram && copy_of[j] >= 0) scores[j] = scores[copy_of[j]];
-        previous = scores[j];
-        last_scored = b + j;
-      }
-      const double s = static_cast<double>(previous);
-      if (s < best) {
-        best = s;
-        best_index = b + j;
-      }
+    for (int j = 0; j < r - q; ++j) {
+      const int e = scan_steps[q + j].b;
+      take(e, experts[e].type == kTypeThreshold, scores[j]);
     }
+    q = r;
   }
   return best_index;
 }
