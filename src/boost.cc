@@ -4,10 +4,13 @@
 // a stored model.
 #include "boost.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "die.h"
@@ -39,7 +42,8 @@ namespace {
 double total_wh_wt = 0.0;
 int first_nonzero_wt = -1;
 
-double** train_pred = nullptr;
+// Per-example score sums: written out from the groups below when training
+// ends, and used directly when classifying standard input.
 double** train_sum_wh = nullptr;
 double** test_sum_wh = nullptr;
 
@@ -47,6 +51,37 @@ double* distribution = nullptr;
 double* log_dist = nullptr;
 double* virtual_dist = nullptr;
 int dist_size = 0;
+
+// Examples that carry the same labels and to which every weak hypothesis so
+// far has answered with the same prediction vector have, bit for bit, the
+// same score sums, errors and (real AdaBoost.MH) log weights, since each is
+// made by the same operations on the same operands. Such examples form a
+// group, and every per-label quantity is computed once per group; sums whose
+// order matters (the normaliser Z, the error totals) still run over the
+// examples in order. Groups are numbered by their first example, so a group
+// never numbers below the group it was split from.
+struct example_groups {
+  int n = 0;                           // examples of the set
+  int count = 0;                       // groups
+  std::vector<int> of;                 // group of each example
+  std::vector<int> first;              // first example of each group
+  std::vector<int> parent;             // group before the last split
+  std::vector<const double*> pred;     // the last hypothesis's answer per group
+  std::vector<const double*> pred_of;  // the last hypothesis's answer per example
+  std::vector<double> linear_rows;     // answers of a LINEAR hypothesis, n rows
+  std::vector<double> sums, next_sums;  // score sums, count rows of k
+  std::vector<double> wrong, margin;   // error and margin per group (reports)
+  std::vector<int> slot;               // split work: 3 slots per old group
+};
+
+example_groups train_groups, test_groups;
+
+// Real AdaBoost.MH: log weights and their exponentials per training group.
+// The subtraction of ln Z that ends a round is carried to the next round's
+// update, which then does both roundings in the original order.
+std::vector<double> group_log, next_group_log, group_exp;
+double pending_log_z = 0.0;
+bool log_z_pending = false;
 
 const char kHelpText[] =
     "Version 2.1 (4/12/2001)\n"
@@ -83,31 +118,99 @@ double normaliser() {
 // Whether example i carries class 1 (the second class) in utility mode.
 int carries_class1(const unsigned char* y, int k) { return k > 1 && y[1] != 0; }
 
-double* eval_weak_hyp(struct weak_hyp* entry, example* instance) {
-  return EvalWeakHypothesis(entry->hyp, instance);
-}
+// a + b and a * b, except that when both operands are not numbers the
+// result is the first one (its sign and payload). Where two NaNs can meet,
+// which one a result carries (and so whether it prints as "nan" or "-nan")
+// is fixed here rather than left to how the compiler orders the operands.
+inline double add_nan_first(double a, double b) { return a != a ? a : a + b; }
+inline double mul_nan_first(double a, double b) { return a != a ? a : a * b; }
 
-void update_weak_hyp_sum(struct weak_hyp* entry, double* sums, const double* preds) {
-  const int k = data->num_classes;
-  if (num_weak_hyps - 1 <= first_nonzero_wt)
-    for (int l = 0; l < k; ++l) sums[l] = 0.0;
+// sums += the weighted prediction of the newest hypothesis; the sums start
+// again from zero at the first hypothesis with a non-zero weight.
+void add_prediction(const struct weak_hyp* entry, const double* old_sums,
+                    const double* preds, double* sums, int k) {
+  const bool reset = num_weak_hyps - 1 <= first_nonzero_wt;
   if (first_nonzero_wt < 0) {
-    for (int l = 0; l < k; ++l) sums[l] += preds[l];
+    for (int l = 0; l < k; ++l) sums[l] = add_nan_first(reset ? 0.0 : old_sums[l], preds[l]);
   } else {
-    for (int l = 0; l < k; ++l) sums[l] += entry->weight * preds[l];
+    const double w = entry->weight;
+    for (int l = 0; l < k; ++l)
+      sums[l] = add_nan_first(mul_nan_first(w, preds[l]), reset ? 0.0 : old_sums[l]);
   }
-}
-
-void update_weak_hyp_sums(struct weak_hyp* entry) {
-  for (int i = 0; i < data->num_train; ++i)
-    update_weak_hyp_sum(entry, train_sum_wh[i], train_pred[i]);
-  for (int j = 0; j < data->num_test; ++j)
-    update_weak_hyp_sum(entry, test_sum_wh[j],
-                        eval_weak_hyp(entry, data->test_examples[j]));
 }
 
 void call_weak_learner(struct weak_hyp* entry) {
   entry->hyp = GetWeakHypothesis(distribution, loss_mode == 3 ? 3 : 1, data);
+}
+
+// Sizes a buffer of group rows to `size` doubles. Groups only ever split,
+// up to one per example (`limit` doubles), so a buffer grows by at most a
+// quarter beyond what is asked rather than doubling.
+void size_rows(std::vector<double>* v, size_t size, size_t limit) {
+  if (v->capacity() < size) v->reserve(std::min(limit, size + size / 4));
+  v->resize(size);
+}
+
+// One group per distinct label vector, with zero score sums.
+void init_groups(example_groups* g, int n, unsigned char** labels, int k) {
+  g->n = n;
+  g->of.assign(n, 0);
+  g->pred_of.assign(n, nullptr);
+  g->first.clear();
+  std::unordered_map<std::string, int> seen;
+  for (int i = 0; i < n; ++i) {
+    auto found = seen.emplace(std::string(reinterpret_cast<const char*>(labels[i]), k),
+                              static_cast<int>(g->first.size()));
+    if (found.second) g->first.push_back(i);
+    g->of[i] = found.first->second;
+  }
+  g->count = static_cast<int>(g->first.size());
+  g->parent.assign(g->count, 0);
+  for (int h = 0; h < g->count; ++h) g->parent[h] = h;
+  g->sums.assign(static_cast<size_t>(g->count) * k, 0.0);
+}
+
+// Evaluates the hypothesis on the whole set (examples have indices first,
+// first + 1, ...) and splits every group by the answer its examples got.
+// Answers that are not one of the hypothesis's three vectors (LINEAR) are
+// particular to their example, which then starts a group of its own.
+void split_groups(example_groups* g, text_expert_rec* h, example** examples, int first,
+                  int k) {
+  double* store = nullptr;
+  if (h->type == kTypeLinear) {
+    g->linear_rows.resize(static_cast<size_t>(g->n) * k);
+    store = g->linear_rows.data();
+  }
+  Eval_Weak_Hypothesis_Block(h, examples, g->n, first, store, g->pred_of.data());
+  g->slot.assign(3 * static_cast<size_t>(g->count), -1);
+  g->parent.clear();
+  g->first.clear();
+  g->pred.clear();
+  int count = 0;
+  for (int i = 0; i < g->n; ++i) {
+    const double* p = g->pred_of[i];
+    const int r = p == h->c0 ? 0 : p == h->c1 ? 1 : p == h->c2 ? 2 : 3;
+    const int old = g->of[i];
+    int id = r < 3 ? g->slot[3 * static_cast<size_t>(old) + r] : -1;
+    if (id < 0) {
+      id = count++;
+      g->parent.push_back(old);
+      g->first.push_back(i);
+      g->pred.push_back(p);
+      if (r < 3) g->slot[3 * static_cast<size_t>(old) + r] = id;
+    }
+    g->of[i] = id;
+  }
+  g->count = count;
+}
+
+// The per-example score sums, one row per example.
+double** expand_sums(const example_groups& g, int k) {
+  double** rows = alloc_rows(g.n, k);
+  for (int i = 0; i < g.n; ++i)
+    if (k > 0)
+      memcpy(rows[i], &g.sums[static_cast<size_t>(g.of[i]) * k], sizeof(double) * k);
+  return rows;
 }
 
 }  // namespace
@@ -224,11 +327,12 @@ void parse_options(int argc, char** argv) {
   }
 }
 
+namespace {
+
 void init_memos() {
   const int k = data->num_classes;
-  train_sum_wh = alloc_rows(data->num_train, k);
-  test_sum_wh = alloc_rows(data->num_test, k);
-  train_pred = alloc_rows(data->num_train, k);
+  init_groups(&train_groups, data->num_train, data->train_labels, k);
+  init_groups(&test_groups, data->num_test, data->test_labels, k);
 }
 
 void init_distribution() {
@@ -270,6 +374,17 @@ void init_distribution() {
           log_dist[j] += ls;
         }
       }
+      // The groups are made by label vector, which alone sets these values.
+      group_log.clear();
+      size_rows(&group_log, static_cast<size_t>(train_groups.count) * k, mk);
+      for (int h = 0; h < train_groups.count; ++h)
+        if (k > 0)
+          memcpy(&group_log[static_cast<size_t>(h) * k],
+                 log_dist + static_cast<size_t>(train_groups.first[h]) * k,
+                 sizeof(double) * k);
+      free(log_dist);
+      log_dist = nullptr;
+      log_z_pending = false;
       break;
     case 1:
       dist_size = m * k;
@@ -321,19 +436,47 @@ void init_distribution() {
   }
 }
 
+// Real AdaBoost.MH: distribution = the exponentials of the log weights,
+// divided by Z unless -u keeps them as they are.
+void publish_distribution(double err) {
+  const int m = data->num_train;
+  const int k = data->num_classes;
+  const bool scale = modify_dist_mode != 0;
+  double inv = 1.0;
+  if (scale) {
+    pending_log_z = log(err);
+    log_z_pending = true;
+    inv = 1.0 / err;
+  }
+  const int* of = train_groups.of.data();
+  const double* e = group_exp.data();
+  double* d = distribution;
+  Run_Parallel(m, [&](int i0, int i1, int) {
+    for (int i = i0; i < i1; ++i) {
+      const double* row = e + static_cast<size_t>(of[i]) * k;
+      double* out = d + static_cast<size_t>(i) * k;
+      if (scale) {
+        for (int l = 0; l < k; ++l) out[l] = mul_nan_first(row[l], inv);
+      } else {
+        for (int l = 0; l < k; ++l) out[l] = row[l];
+      }
+    }
+  });
+}
+
 void modify_distribution(struct weak_hyp* /*entry*/, double err, double abstain) {
+  // Real AdaBoost.MH: the new weights exp(log weight) of compute_loss are
+  // handed on whether or not -u stops the update (as Z's normalisation).
+  if (loss_mode == 3) {
+    publish_distribution(err);
+    return;
+  }
   if (modify_dist_mode == 0) return;
   const int m = data->num_train;
   const int k = data->num_classes;
   unsigned char** y = data->train_labels;
-  if (loss_mode == 3) {
-    const double lz = log(err);
-    const double inv = 1.0 / err;
-    for (int j = 0; j < dist_size; ++j) {
-      log_dist[j] -= lz;
-      distribution[j] *= inv;
-    }
-  } else if (loss_mode == 1) {
+  const double* const* train_pred = train_groups.pred_of.data();
+  if (loss_mode == 1) {
     if (abstain == 0.0) {
       const double beta = err / (1.0 - err);
       for (int i = 0; i < m; ++i)
@@ -388,14 +531,22 @@ void modify_distribution(struct weak_hyp* /*entry*/, double err, double abstain)
   }
 }
 
-double compute_loss(struct weak_hyp* entry, double* out_abstain, double alpha) {
+// Splits the groups of both sets by the new hypothesis's answers.
+void evaluate_hypothesis(struct weak_hyp* entry) {
+  const int k = data->num_classes;
+  split_groups(&train_groups, entry->hyp, data->train_examples, 0, k);
+  split_groups(&test_groups, entry->hyp, data->test_examples, data->num_train, k);
+}
+
+// The loss of the hypothesis just evaluated: its weighted error, or in real
+// AdaBoost.MH the sum Z of the updated weights exp(log weight) (which are
+// handed on by modify_distribution).
+double compute_loss(struct weak_hyp* /*entry*/, double* out_abstain, double alpha) {
   const int m = data->num_train;
   const int k = data->num_classes;
   unsigned char** y = data->train_labels;
   double* d = distribution;
-  for (int i = 0; i < m; ++i)
-    memcpy(train_pred[i], eval_weak_hyp(entry, data->train_examples[i]),
-           sizeof(double) * k);
+  const double* const* train_pred = train_groups.pred_of.data();
   double loss = 0.0;
   if (loss_mode != 3) {
     for (int i = 0; i < m; ++i)
@@ -404,17 +555,39 @@ double compute_loss(struct weak_hyp* entry, double* out_abstain, double alpha) {
         loss += y[i][l] ? d[i * k + l] * (1.0 - p) : d[i * k + l] * p;
       }
   } else {
-    // Each weight is updated on its own (on all threads); Z is then summed
-    // in example order.
-    Run_Parallel(m, [&](int i0, int i1, int) {
-      for (int i = i0; i < i1; ++i)
+    // Each group's log weights are updated on their own (on all threads);
+    // Z is then summed over the examples in order.
+    const example_groups& g = train_groups;
+    const size_t rows = static_cast<size_t>(g.count) * k;
+    const size_t limit = static_cast<size_t>(m) * k;
+    size_rows(&next_group_log, rows, limit);
+    size_rows(&group_exp, rows, limit);
+    const bool pending = log_z_pending;
+    const double lz = pending_log_z;
+    Run_Parallel(g.count, [&](int h0, int h1, int) {
+      for (int h = h0; h < h1; ++h) {
+        const double* old = &group_log[static_cast<size_t>(g.parent[h]) * k];
+        double* ld = &next_group_log[static_cast<size_t>(h) * k];
+        double* e = &group_exp[static_cast<size_t>(h) * k];
+        const double* p = g.pred[h];
+        const unsigned char* yh = y[g.first[h]];
         for (int l = 0; l < k; ++l) {
-          const double p = train_pred[i][l];
-          log_dist[i * k + l] += y[i][l] ? -alpha * p : alpha * p;
-          d[i * k + l] = exp(log_dist[i * k + l]);
+          double v = old[l];
+          if (pending) v -= lz;
+          v = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
+          ld[l] = v;
+          e[l] = exp(v);
         }
+      }
     });
-    for (int j = 0; j < m * k; ++j) loss += d[j];
+    group_log.swap(next_group_log);
+    log_z_pending = false;
+    const int* of = g.of.data();
+    const double* e = group_exp.data();
+    for (int i = 0; i < m; ++i) {
+      const double* row = e + static_cast<size_t>(of[i]) * k;
+      for (int l = 0; l < k; ++l) loss += row[l];
+    }
   }
   *out_abstain = 0.0;
   if (loss_mode == 1) {
@@ -436,8 +609,6 @@ double compute_loss(struct weak_hyp* entry, double* out_abstain, double alpha) {
   }
   return loss;
 }
-
-namespace {
 
 // The prediction of the strong hypothesis from one example's score sums,
 // into `result` (k doubles); reentrant, so examples can be evaluated on
@@ -472,6 +643,108 @@ void strong_prediction(const double* sums, double* out_margin, double* result) {
   }
 }
 
+// One example's share of the error: `wrong`, the strong prediction's total
+// on classes the example lacks (in utility mode its utility), and its
+// margin. `result` is work space of at least max(k, 2) doubles.
+void example_error(const double* sums, const unsigned char* y, double* result,
+                   double* wrong, double* margin) {
+  const int k = data->num_classes;
+  if (utility_mode) {
+    const int c = carries_class1(y, k);
+    strong_prediction(sums, nullptr, result);
+    *wrong = add_nan_first(mul_nan_first(utility[2 * c], result[0]),
+                           mul_nan_first(utility[2 * c + 1], result[1]));
+    *margin = 0.0;
+    return;
+  }
+  if (!soft_threshold) {
+    // A single top score gets the whole vote: the error is then exactly 1
+    // or 0, with no need for the prediction vector. `ties` counts the scores
+    // equal to the largest (none when the first is not a number).
+    double largest = sums[0];
+    double second = -10000.0;
+    int ties = sums[0] == sums[0] ? 1 : 0;
+    int top = 0;
+    for (int l = 1; l < k; ++l) {
+      const double v = sums[l];
+      if (v > largest) {
+        second = largest;
+        largest = v;
+        ties = 1;
+        top = l;
+      } else {
+        if (v > second) second = v;
+        if (v == largest) ++ties;
+      }
+    }
+    if (ties == 1) {
+      *wrong = y[top] ? 0.0 : 1.0;
+      *margin = (largest - second) / normaliser();
+      return;
+    }
+  }
+  strong_prediction(sums, margin, result);
+  double w = 0.0;
+  for (int l = 0; l < k; ++l)
+    if (!y[l]) w += result[l];
+  *wrong = w;
+}
+
+// Adds the newest hypothesis's predictions into every group's score sums,
+// and with `errors` finds each group's error and margin for the report.
+void update_group_sums(example_groups* g, unsigned char** labels,
+                       const struct weak_hyp* entry, bool errors) {
+  const int k = data->num_classes;
+  size_rows(&g->next_sums, static_cast<size_t>(g->count) * k, static_cast<size_t>(g->n) * k);
+  if (errors) {
+    g->wrong.resize(g->count);
+    g->margin.resize(g->count);
+  }
+  Run_Parallel(g->count, [&](int h0, int h1, int) {
+    std::vector<double> result(k < 2 ? 2 : k);
+    for (int h = h0; h < h1; ++h) {
+      double* sums = &g->next_sums[static_cast<size_t>(h) * k];
+      add_prediction(entry, &g->sums[static_cast<size_t>(g->parent[h]) * k], g->pred[h],
+                     sums, k);
+      if (errors)
+        example_error(sums, labels[g->first[h]], result.data(), &g->wrong[h],
+                      &g->margin[h]);
+    }
+  });
+  g->sums.swap(g->next_sums);
+}
+
+void update_weak_hyp_sums(struct weak_hyp* entry, bool errors) {
+  update_group_sums(&train_groups, data->train_labels, entry, errors);
+  update_group_sums(&test_groups, data->test_labels, entry, errors);
+}
+
+// The error totals of a set from its groups' errors, added in example
+// order.
+void set_error(const example_groups& g, double* out_err, double* out_rej_err,
+               double* out_rej_frac) {
+  const int n = g.n;
+  *out_err = 0.0;
+  *out_rej_err = 0.0;
+  *out_rej_frac = 0.0;
+  if (utility_mode) {
+    for (int i = 0; i < n; ++i) *out_err = add_nan_first(g.wrong[g.of[i]], *out_err);
+    return;
+  }
+  int rejected = 0;
+  for (int i = 0; i < n; ++i) {
+    const int h = g.of[i];
+    *out_err += g.wrong[h];
+    if (reject_threshold > g.margin[h])
+      rejected++;
+    else
+      *out_rej_err += g.wrong[h];
+  }
+  *out_err /= n;
+  *out_rej_err /= (n - rejected);
+  *out_rej_frac = static_cast<double>(rejected) / n;
+}
+
 }  // namespace
 
 double* eval_strong_hyp(double* sums, double* out_margin) {
@@ -487,50 +760,24 @@ double* eval_strong_hyp(double* sums, double* out_margin) {
 void eval_error(int n, example** /*instances*/, unsigned char** labels, double** sums,
                 double* out_err, double* out_rej_err, double* out_rej_frac) {
   const int k = data->num_classes;
-  *out_err = 0.0;
-  *out_rej_err = 0.0;
-  *out_rej_frac = 0.0;
-  if (utility_mode) {
-    for (int i = 0; i < n; ++i) {
-      const int c = carries_class1(labels[i], k);
-      double* result = eval_strong_hyp(sums[i], nullptr);
-      *out_err += utility[2 * c] * result[0] + utility[2 * c + 1] * result[1];
-    }
-    return;
-  }
-  // Each example's error and margin on all threads; the totals are then
-  // summed in example order.
-  static std::vector<double> wrongs, margins;
-  wrongs.resize(n > 0 ? n : 1);
-  margins.resize(n > 0 ? n : 1);
-  Run_Parallel(n, [&](int i0, int i1, int) {
-    std::vector<double> result(k < 2 ? 2 : k);
-    for (int i = i0; i < i1; ++i) {
-      strong_prediction(sums[i], &margins[i], result.data());
-      double wrong = 0.0;
-      for (int l = 0; l < k; ++l)
-        if (!labels[i][l]) wrong += result[l];
-      wrongs[i] = wrong;
-    }
-  });
-  int rejected = 0;
+  std::vector<double> result(k < 2 ? 2 : k);
+  example_groups g;
+  g.n = n;
+  g.count = n;
+  g.of.resize(n);
+  g.wrong.resize(n);
+  g.margin.resize(n);
   for (int i = 0; i < n; ++i) {
-    *out_err += wrongs[i];
-    if (reject_threshold > margins[i])
-      rejected++;
-    else
-      *out_rej_err += wrongs[i];
+    g.of[i] = i;
+    example_error(sums[i], labels[i], result.data(), &g.wrong[i], &g.margin[i]);
   }
-  *out_err /= n;
-  *out_rej_err /= (n - rejected);
-  *out_rej_frac = static_cast<double>(rejected) / n;
+  set_error(g, out_err, out_rej_err, out_rej_frac);
 }
 
 void display_strong_hyp() {
   FILE* out = classify_new_test_mode ? stderr : stdout;
   double err, rej_err, rej_frac;
-  eval_error(data->num_test, data->test_examples, data->test_labels, test_sum_wh, &err,
-             &rej_err, &rej_frac);
+  set_error(test_groups, &err, &rej_err, &rej_frac);
   fprintf(out, "test= %9.7f ", err);
   if (reject_threshold > 0) fprintf(out, "(%lf, %lf)", rej_err, rej_frac);
   if (classify_new_test_mode) {
@@ -538,8 +785,7 @@ void display_strong_hyp() {
     return;
   }
   fprintf(out, " ");
-  eval_error(data->num_train, data->train_examples, data->train_labels, train_sum_wh, &err,
-             &rej_err, &rej_frac);
+  set_error(train_groups, &err, &rej_err, &rej_frac);
   fprintf(out, "train= %9.7f ", err);
   if (reject_threshold > 0) fprintf(out, "(%lf, %lf)", rej_err, rej_frac);
   fprintf(out, "\n");
@@ -595,10 +841,6 @@ void boost() {
   weak_hyp = Allocate_Weak_Hyp(num_trials > 0 ? num_trials : 0);
   first_nonzero_wt = -1;
   total_wh_wt = 0.0;
-  if (num_trials <= 0) {
-    if (output_pred_mode) output_all_preds();
-    return;
-  }
 
   for (int t = 0; t < num_trials; ++t) {
     struct weak_hyp* entry = &weak_hyp[t];
@@ -610,6 +852,7 @@ void boost() {
       call_weak_learner(entry);
       alpha = 1.0;
     }
+    evaluate_hypothesis(entry);
     double abstain = 0.0;
     const double err = compute_loss(entry, &abstain, alpha);
     if (t >= n_stored) {
@@ -634,16 +877,31 @@ void boost() {
       bound = bound * (abstain + 2 * sqrt((1.0 - err - abstain / 2) * (err - abstain / 2)));
     num_weak_hyps = t + 1;
     total_wh_wt += entry->weight;
-    update_weak_hyp_sums(entry);
 
     const int r = t - (n_stored - 1);
-    if (t == num_trials - 1 || (display_hyp_freq != 0 && r % display_hyp_freq == 0)) {
+    const bool report =
+        t == num_trials - 1 || (display_hyp_freq != 0 && r % display_hyp_freq == 0);
+    update_weak_hyp_sums(entry, report);
+    if (report) {
       printf("rnd %4d: wh-err= %lf  th-err= %lf  ", r, err, bound);
       display_strong_hyp();
       fflush(stdout);
     }
     modify_distribution(entry, err, abstain);
   }
+  // The per-example score sums, for the predictions and for callers; the
+  // groups are not needed any more.
+  group_log = std::vector<double>();
+  next_group_log = std::vector<double>();
+  group_exp = std::vector<double>();
+  for (example_groups* g : {&train_groups, &test_groups}) {
+    g->next_sums = std::vector<double>();
+    g->linear_rows = std::vector<double>();
+  }
+  train_sum_wh = expand_sums(train_groups, data->num_classes);
+  test_sum_wh = expand_sums(test_groups, data->num_classes);
+  train_groups = example_groups();
+  test_groups = example_groups();
   if (output_pred_mode) output_all_preds();
 }
 
@@ -651,7 +909,6 @@ void use_old_hyp() {
   const int k = data->num_classes;
   test_sum_wh = alloc_rows(1, k);
   train_sum_wh = alloc_rows(0, k);
-  train_pred = alloc_rows(0, k);
   double total_err = 0.0;
   int count = 0;
   weak_hyp = ReadStrongHypothesis(&num_weak_hyps);
@@ -662,7 +919,9 @@ void use_old_hyp() {
     for (int t = 0; t < num_weak_hyps; ++t) {
       if (weak_hyp[t].weight != 0.0 && first_nonzero_wt < 0) first_nonzero_wt = t;
       total_wh_wt += weak_hyp[t].weight;
-      update_weak_hyp_sums(&weak_hyp[t]);
+      add_prediction(&weak_hyp[t], test_sum_wh[0],
+                     EvalWeakHypothesis(weak_hyp[t].hyp, data->test_examples[0]),
+                     test_sum_wh[0], k);
     }
     double err, rej_err, rej_frac;
     eval_error(1, data->test_examples, data->test_labels, test_sum_wh, &err, &rej_err,

@@ -32,11 +32,7 @@ void parse_options(int argc, char** argv);
 void boost();
 void use_old_hyp();
 
-// Exposed for tests of single steps.
-void init_memos();
-void init_distribution();
-void modify_distribution(struct weak_hyp* entry, double err, double abstain);
-double compute_loss(struct weak_hyp* entry, double* out_abstain, double alpha);
+// Evaluation and output of the strong hypothesis.
 double* eval_strong_hyp(double* sums, double* out_margin);
 void eval_error(int n, example** instances, unsigned char** labels,
                 double** sums, double* out_err, double* out_rej_err,
@@ -45,6 +41,8 @@ void display_strong_hyp();
 void output_all_preds();
 void output_preds(int n, example** instances, unsigned char** labels,
                   double** sums);
+/// The weights handed to the weak learner, and (once training has ended)
+/// the training examples' score sums.
 double* Distribution();
 double** Train_Sums();
 

@@ -326,6 +326,53 @@ double* EvalWeakHypothesis(text_expert_rec* h, example* x) {
   }
 }
 
+void Eval_Weak_Hypothesis_Block(text_expert_rec* h, example** examples, int n,
+                                int first, double* store, const double** out) {
+  const int m = mem_data->num_train;
+  const bool training = first < m;
+  const int* list = training ? h->train_index : h->test_index;
+  const int len = training ? h->num_train : h->num_test;
+  const double* vals = training ? h->values : h->test_values;
+  if (first < 0 || (training && first + n > m)) {
+    // Not one whole run of indexed examples of one set: one at a time.
+    for (int i = 0; i < n; ++i) out[i] = EvalWeakHypothesis(h, examples[i]);
+    return;
+  }
+  for (int i = 0; i < n; ++i) out[i] = h->c0;
+  if (len == 0) return;
+  const int k = mem_data->num_classes;
+  const double* last_linear = nullptr;
+  // One walk over the occurrence list: every listed example of the block
+  // gets the answer of its (first) entry, every other one keeps c0.
+  for (int p = 0; p < len; ++p) {
+    const int i = list[p] - first;
+    if (i < 0 || i >= n || (p > 0 && list[p - 1] == list[p])) continue;
+    if (vals == nullptr) {
+      out[i] = h->c1;
+      continue;
+    }
+    const double v = vals[p];
+    switch (h->type) {
+      case kTypeThreshold:
+        out[i] = h->threshold > v ? h->c1 : h->c2;
+        break;
+      case kTypeLinear: {
+        double* row = store + static_cast<size_t>(i) * k;
+        for (int l = 0; l < k; ++l) row[l] = h->linear_a[l] * v + h->linear_b[l];
+        out[i] = row;
+        last_linear = row;
+        break;
+      }
+      default:
+        out[i] = Sgram_Expert_Prediction(h, examples[i]);
+        break;
+    }
+  }
+  // c1 of a LINEAR hypothesis is left holding the last answer, as after
+  // calls one example at a time.
+  if (last_linear != nullptr) memcpy(h->c1, last_linear, sizeof(double) * k);
+}
+
 void WriteWeakHypothesis() { fprintf(stderr, "Not implemented yet...\n"); }
 
 void Text_Expert_Error() {

@@ -30,6 +30,13 @@ text_expert_rec* GetWeakHypothesis_PLoss(double* distribution,
                                          example_data* data);
 /// Prediction vector (k doubles) of `h` for `x`; owned by `h`.
 double* EvalWeakHypothesis(text_expert_rec* h, example* x);
+/// The predictions of `h` for the `n` examples whose indices are first,
+/// first + 1, ... (the whole training set from 0, or the test set from m):
+/// out[i] = what EvalWeakHypothesis gives for examples[i], found in one walk
+/// over the occurrence list. LINEAR answers are written to `store` (n rows
+/// of k; may be null for other types).
+void Eval_Weak_Hypothesis_Block(text_expert_rec* h, example** examples, int n,
+                                int first, double* store, const double** out);
 void WriteWeakHypothesis();
 [[noreturn]] void Text_Expert_Error();
 [[noreturn]] void GetWeakHypothesis_Error();
