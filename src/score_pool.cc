@@ -339,6 +339,49 @@ using replay_fn = void (*)(double* __restrict, const double* __restrict, const i
                            const uint8_t* __restrict, int, double* __restrict, int, int, int);
 replay_fn replay = replay_plain;
 
+// For one slot's sums a (2k lanes [A0 | A1]): returns sum_c r[c] a[c], the
+// linear part of the slot's lower bound (in any order: the bound carries a
+// margin far above rounding), and flags in mv[g] every group g of eight
+// lanes where max(t - a, 0) + a differs from t in any bit.
+double bound_and_moved_plain(const double* __restrict a, const double* __restrict r,
+                             const double* __restrict t, int two_k, uint8_t* __restrict mv) {
+  double lin = 0.0;
+  for (int c = 0; c < two_k; ++c) {
+    lin += r[c] * a[c];
+    double v = t[c] - a[c];
+    if (v < 0) v = 0.0;
+    if (std::bit_cast<uint64_t>(v + a[c]) != std::bit_cast<uint64_t>(t[c])) mv[c / 8] = 1;
+  }
+  return lin;
+}
+
+__attribute__((target("avx512f"))) double bound_and_moved_avx512(const double* __restrict a,
+                                                                const double* __restrict r,
+                                                                const double* __restrict t,
+                                                                int two_k,
+                                                                uint8_t* __restrict mv) {
+  const __m512d zero = _mm512_setzero_pd();
+  __m512d acc = zero;
+  for (int c = 0; c < two_k; c += 8) {
+    const int left = two_k - c;
+    const __mmask8 m = left >= 8 ? 0xFF : static_cast<__mmask8>((1u << left) - 1);
+    const __m512d av = _mm512_maskz_loadu_pd(m, a + c);
+    acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_maskz_loadu_pd(m, r + c), av));
+    const __m512d tv = _mm512_maskz_loadu_pd(m, t + c);
+    const __m512d dv = _mm512_sub_pd(tv, av);
+    const __m512d uv = _mm512_mask_mov_pd(dv, _mm512_cmp_pd_mask(dv, zero, _CMP_LT_OQ), zero);
+    const __m512i back = _mm512_castpd_si512(_mm512_add_pd(uv, av));
+    if (_mm512_mask_cmpneq_epi64_mask(m, back, _mm512_castpd_si512(tv)) != 0) mv[c / 8] = 1;
+  }
+  alignas(64) double part[8];
+  _mm512_store_pd(part, acc);
+  return ((part[0] + part[1]) + (part[2] + part[3])) + ((part[4] + part[5]) + (part[6] + part[7]));
+}
+
+using bound_and_moved_fn = double (*)(const double* __restrict, const double* __restrict,
+                                      const double* __restrict, int, uint8_t* __restrict);
+bound_and_moved_fn bound_and_moved = bound_and_moved_plain;
+
 int forced_kernel = -1;
 
 void choose_kernels() {
@@ -346,6 +389,7 @@ void choose_kernels() {
   const bool has512 = __builtin_cpu_supports("avx512f") && forced_kernel != 0 && forced_kernel != 1;
   add_split = has512 ? add_split_avx512 : add_split_plain;
   replay = has512 ? replay_avx512 : replay_plain;
+  bound_and_moved = has512 ? bound_and_moved_avx512 : bound_and_moved_plain;
 }
 
 // A0/A1: the expert's weight by label sign, summed in list order exactly as
@@ -677,26 +721,14 @@ void for_slot_ranges(int nslots, const Fn& fn) {
   // through the whole block, so only the other lanes need the replay.
   const int lane_groups = static_cast<int>((two_k + 7) / 8);
   std::vector<uint8_t> moved(static_cast<size_t>(pool->Size()) * lane_groups, 0);
+  std::vector<double> r(two_k);
+  memcpy(r.data(), r0.data(), sizeof(double) * k);
+  memcpy(r.data() + k, r1.data(), sizeof(double) * k);
   pool->Run(nslots, [&](int s0, int s1, int thread) {
     uint8_t* mv = &moved[static_cast<size_t>(thread) * lane_groups];
-    const double* tv = totals.data();
-    for (int s = s0; s < s1; ++s) {
-      const double* a0 = &sums[s * two_k];
-      const double* a1 = a0 + k;
-      double lin = 0.0;
-      for (int l = 0; l < k; ++l) lin += r0[l] * a0[l] + r1[l] * a1[l];
-      bound[s] = g_total - lin;
-      for (int g = 0; g < lane_groups; ++g) {
-        const int c1 = std::min(static_cast<int>(two_k), 8 * g + 8);
-        int changed = 0;
-        for (int c = 8 * g; c < c1; ++c) {
-          double v = tv[c] - a0[c];
-          if (v < 0) v = 0.0;
-          changed |= std::bit_cast<uint64_t>(v + a0[c]) != std::bit_cast<uint64_t>(tv[c]);
-        }
-        mv[g] |= static_cast<uint8_t>(changed);
-      }
-    }
+    for (int s = s0; s < s1; ++s)
+      bound[s] = g_total - bound_and_moved(&sums[s * two_k], r.data(), totals.data(),
+                                           static_cast<int>(two_k), mv);
   });
   for (int t = 1; t < pool->Size(); ++t)
     for (int g = 0; g < lane_groups; ++g) moved[g] |= moved[static_cast<size_t>(t) * lane_groups + g];
@@ -760,8 +792,14 @@ void for_slot_ranges(int nslots, const Fn& fn) {
       const double* u1 = u0 + k;
       const double* a0 = &sums[slot_of[j] * two_k];
       const double* a1 = a0 + k;
+      // The per-label terms in double (vectorised), then their sum in
+      // extended precision in label order.
+      thread_local std::vector<double> term;
+      term.resize(k);
+      double* tm = term.data();
+      for (int l = 0; l < k; ++l) tm[l] = sqrt(u0[l] * u1[l]) + sqrt(a0[l] * a1[l]);
       long double score = 0;
-      for (int l = 0; l < k; ++l) score += sqrt(u0[l] * u1[l]) + sqrt(a0[l] * a1[l]);
+      for (int l = 0; l < k; ++l) score += tm[l];
       scores[j] = score;
     }
   });
