@@ -13,6 +13,8 @@ struct hash_entry {
   char* symbol;      // private copy of the key
   intptr_t count;    // caller-owned word: counter, small id or pointer
   hash_entry* next;  // next entry of the same bucket
+  uint32_t hash;     // Hash_Key(symbol), compared before the key bytes
+  uint32_t length;   // strlen(symbol)
 };
 
 struct hash_table {
@@ -28,6 +30,22 @@ hash_entry* Hash_Insert(const char* key, hash_table* table);
 /// The entry for `key`, or null.
 hash_entry* Hash_Find(const char* key, hash_table* table);
 
+/// A key given by its bytes: `length` bytes at `key` (no NUL among them; a
+/// new entry's copy is NUL-terminated) whose Hash_Key is `hash`.
+struct hash_key_ref {
+  const char* key;
+  uint32_t length;
+  uint32_t hash;
+};
+
+/// Hash_Insert (or, with insert false, Hash_Find) of keys[0..n) in order,
+/// with the same results, growth points and chain order as n single calls;
+/// out[i] receives the entry of keys[i] (null: absent, Hash_Find only). The
+/// buckets and chain heads of later keys are fetched from memory while
+/// earlier keys are looked up.
+void Hash_Lookup_Batch(hash_table* table, const hash_key_ref* keys, size_t n,
+                       bool insert, hash_entry** out);
+
 /// One scan at a time over the whole program; run every scan to its end.
 void Init_Hash_Scan(hash_table* table);
 hash_entry* Next_Hash_Entry();
@@ -41,6 +59,18 @@ void scan_hashtab(hash_table* table);
 
 /// The raw hash of a key (before reduction modulo the bucket count).
 uint32_t Hash_Key(const char* key);
+/// The raw hash of the key made of the bytes already hashed into `h`
+/// followed by bytes[0..length): Hash_Key(a + b) is
+/// Hash_Key_Extend(Hash_Key(a), b, strlen(b)).
+inline uint32_t Hash_Key_Extend(uint32_t h, const char* bytes, size_t length) {
+  for (size_t i = 0; i < length; ++i) {
+    // Bytes are read as signed and sign-extended: keys with bytes above 0x7F
+    // must land in the buckets this rule gives.
+    h = h * 137u;
+    h ^= static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(bytes[i])));
+  }
+  return h;
+}
 
 /// Zero-filled block of count * size bytes; "fatal: out of memory" otherwise.
 void* safe_calloc(size_t count, size_t size);

@@ -3,16 +3,20 @@
 // with the lists of training and test examples in which its key occurs.
 //
 // Storage is laid out for scale: a training collection can yield tens of
-// millions of keys, so the key table's records come from a chunked arena,
-// the expert records from one block, and every occurrence list is carved out
-// of a few contiguous pools sized from the document frequencies counted while
-// the keys were collected. Lists are placed in expert order, so the weak
-// learner's pass over all experts walks each pool front to back.
+// millions of keys, so the key records come from a chunked arena, the expert
+// records from one block, and every occurrence list is carved out of a few
+// contiguous pools sized from the document frequencies. Lists are placed in
+// expert order, so the weak learner's pass over all experts walks each pool
+// front to back.
 //
 // Producing the keys of a text and looking each one up is the cost of
-// creation. While the counting passes run for Create_Ngram_Experts they log,
-// per example, the expert index (and value) of every key they find; the
-// lists are then filled from the logs instead of producing every key twice.
+// creation, and with millions of keys nearly every lookup and every update of
+// a key's record waits on memory. So each pass does one kind of random access
+// and announces it ahead: keys are looked up in batches (the table fetches the
+// buckets of later keys while it compares earlier ones), each set of examples
+// is logged as the expert index (and value) of every key found, and the
+// document frequencies and then the lists are made from the logs, each pass
+// fetching the records of keys a little further down the log.
 #include "sgram_expert.h"
 
 #include <algorithm>
@@ -79,18 +83,20 @@ expert_hash_info* new_info() {
   return info;
 }
 
-inline expert_hash_info* info_of(hash_entry* e) {
-  return reinterpret_cast<expert_hash_info*>(e->count);
-}
+// A table entry's word holds its key's expert index plus one (0: new key),
+// so that a lookup yields the index without reading the record.
+inline int index_of(const hash_entry* e) { return static_cast<int>(e->count - 1); }
 
-// The key of a new entry gets the next record and expert index.
-expert_hash_info* insert_key(const char* key, hash_table* table) {
-  hash_entry* e = Hash_Insert(key, table);
-  if (e->count == 0) e->count = reinterpret_cast<intptr_t>(new_info());
-  return info_of(e);
+// The expert index of a key found or inserted; a new key gets the next
+// record and index.
+int record_of(hash_entry* e) {
+  if (e->count == 0) {
+    expert_hash_info* info = new_info();
+    info->key = e->symbol;
+    e->count = static_cast<intptr_t>(info->expert_index) + 1;
+  }
+  return index_of(e);
 }
-
-// ---- producing the keys of one example ----
 
 enum key_kind { kKeyDiscrete, kKeyContinuous, kKeyText, kKeyScored };
 
@@ -140,47 +146,81 @@ constexpr int kTagShift = 30;
 constexpr uint32_t kTagPlain = 0, kTagContinuous = 1, kTagScored = 2;
 constexpr uint32_t kIndexMask = (uint32_t{1} << kTagShift) - 1;
 
-// Set by Create_Ngram_Experts around the counting passes; fscore makes the
-// passes ask for scores so that scored-text values can be logged.
+// Set by Create_Ngram_Experts while it collects: the terms are asked for
+// with their scores, so that scored-text values can be logged. Outside it
+// the logs only serve the counts, and are released once counted.
 bool logging = false;
 score_combiner log_fscore = nullptr;
 occurrence_log train_log;
 occurrence_log test_log;
 
-void log_key(occurrence_log& log, const expert_hash_info* info, key_kind kind, double v) {
+void log_key(occurrence_log& log, int index, key_kind kind, double v) {
   uint32_t tag = kind == kKeyContinuous ? kTagContinuous
                  : kind == kKeyScored   ? kTagScored
                                         : kTagPlain;
-  log.keys.push(static_cast<uint32_t>(info->expert_index) | (tag << kTagShift));
+  log.keys.push(static_cast<uint32_t>(index) | (tag << kTagShift));
   if (tag != kTagPlain) log.values.push(v);
 }
 
-inline bool is_valued(key_kind k) { return k == kKeyContinuous || k == kKeyScored; }
+// Records fetched this many keys ahead in the passes over a log.
+constexpr size_t kLogAhead = 16;
+
+// Document frequencies from a log: each example (stamped with its position
+// plus `base`) counts once for every key it holds. In the training set
+// (train true) the kinds each key was met with are noted too.
+void count_log(const occurrence_log& log, int base, bool train) {
+  const size_t total = log.keys.size();
+  size_t k = 0;
+  for (size_t x = 0; x + 1 < log.starts.size(); ++x) {
+    const int stamp = static_cast<int>(x) + base;
+    for (const size_t end = log.starts[x + 1]; k < end; ++k) {
+      if (k + kLogAhead < total)
+        __builtin_prefetch(info_at(static_cast<int>(log.keys.at(k + kLogAhead) & kIndexMask)));
+      const uint32_t code = log.keys.at(k);
+      expert_hash_info* info = info_at(static_cast<int>(code & kIndexMask));
+      if (info->last_example != stamp) {
+        info->last_example = stamp;
+        if (train)
+          info->num_train_docs++;
+        else
+          info->num_test_docs++;
+      }
+      if (train) info->spare |= (code >> kTagShift) != kTagPlain ? kSeenValued : kSeenPlain;
+    }
+  }
+}
+
+// ---- producing the keys of one example ----
 
 struct key_source {
   term_expander expand;
   int window;
   dataset_info* names;
   score_combiner fscore;  // null: the terms are produced without scores
+  // Per attribute, "name:" and its hash, the start of every key of the
+  // attribute (of a text attribute only when there are several attributes).
+  std::vector<std::string> prefix;
+  std::vector<uint32_t> prefix_hash;
+
+  key_source(term_expander e, int w, dataset_info* n, score_combiner f)
+      : expand(e), window(w), names(n), fscore(f) {
+    for (int j = 0; j < n->num_attributes; ++j) {
+      prefix.push_back(std::string(n->attributes[j].name) + ":");
+      prefix_hash.push_back(Hash_Key(prefix.back().c_str()));
+    }
+  }
 };
 
-// Reused across calls: the key being built and the score array handed to the
-// enumerator (one entry per word of the longest term, plus the null).
-std::string key_buf;
+// Reused across calls: the score array handed to the enumerator (one entry
+// per word of the longest term, plus the null).
 std::vector<char*> score_buf;
 
-const char* attribute_key(const char* name, const char* tail) {
-  key_buf.assign(name);
-  key_buf.push_back(':');
-  key_buf.append(tail);
-  return key_buf.c_str();
-}
-
-// Calls f(key, kind, value) for every key of example x, attribute by
-// attribute, as expert creation and test indexing see them. With
-// class_first_pass, only a continuous first attribute gives its key (missing
-// or not), alongside the discrete and text keys: the one-class collection
-// numbers its keys this way.
+// Calls f(j, term, length, kind, value) for every key of example x,
+// attribute by attribute, as expert creation and test indexing see them:
+// the key is the prefix of attribute j followed by the term's bytes, or the
+// term alone when j is -1. With class_first_pass, only a continuous first
+// attribute gives its key (missing or not), alongside the discrete and text
+// keys: the one-class collection numbers its keys this way.
 template <class F>
 void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& f) {
   dataset_info* names = src.names;
@@ -190,16 +230,16 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
     const attribute_info& a = names->attributes[j];
     const int nv = a.num_values;
     if (class_first_pass && nv == kContinuous) {
-      if (j == 0) f(attribute_key(a.name, ""), kKeyContinuous, 0.0);
+      if (j == 0) f(j, "", 0, kKeyContinuous, 0.0);
       continue;
     }
     if (x->is_unknown[j]) continue;
     if (nv > 0) {
       char digits[24];
       itostr(static_cast<int>(x->values[j].index), digits);
-      f(attribute_key(a.name, digits), kKeyDiscrete, 0.0);
+      f(j, digits, strlen(digits), kKeyDiscrete, 0.0);
     } else if (nv == kContinuous) {
-      f(attribute_key(a.name, ""), kKeyContinuous, x->values[j].real);
+      f(j, "", 0, kKeyContinuous, x->values[j].real);
     } else if (nv == kText || nv == kScoredText) {
       char* value = x->values[j].text;
       if (value == nullptr) continue;
@@ -221,9 +261,10 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
       // belong to us; sparse ones live in the enumerator's buffers.
       const bool owned = scored && !sparse;
       const key_kind kind = scored ? kKeyScored : kKeyText;
+      const int pj = prefix ? j : -1;
       for (char* term; (term = src.expand(value, src.window, nv, scores, want)) != nullptr;) {
         double v = want ? static_cast<double>(src.fscore(scores)) : 0.0;
-        f(prefix ? attribute_key(a.name, term) : term, kind, v);
+        f(pj, term, strlen(term), kind, v);
         if (owned) {
           free(term);
           if (want) {
@@ -237,22 +278,177 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
   }
 }
 
-// Counts one training occurrence of a key found or inserted for stamp.
-inline void count_train(expert_hash_info* info, int stamp, key_kind kind) {
-  if (info->last_example != stamp) {
-    info->last_example = stamp;
-    info->num_train_docs++;
+// ---- key batches ----
+
+// The keys of consecutive examples, gathered before any is looked up, so
+// that the table can overlap the memory waits of many lookups. Kept across
+// calls to reuse the storage.
+struct key_batch {
+  // The keys back to back (grown by hand: a vector would zero every byte
+  // it adds before the key is copied over it).
+  char* bytes = nullptr;
+  size_t used = 0;
+  size_t capacity = 0;
+  std::vector<size_t> offsets;      // per key, its start in bytes
+  std::vector<hash_key_ref> refs;   // per key; pointer and hash set before lookup
+  std::vector<uint32_t> prefix_hash;  // per key, the hash of its prefix
+  std::vector<uint32_t> prefix_length;
+  std::vector<uint8_t> kinds;       // per key, its key_kind
+  std::vector<double> values;       // per key, its value (0 for plain keys)
+  std::vector<int> examples;        // the examples gathered
+  std::vector<size_t> ends;         // per example, one past its last key
+  std::vector<hash_entry*> entries; // per key, the lookup's result
+
+  void clear() {
+    used = 0;
+    offsets.clear();
+    refs.clear();
+    prefix_hash.clear();
+    prefix_length.clear();
+    kinds.clear();
+    values.clear();
+    examples.clear();
+    ends.clear();
   }
-  info->spare |= is_valued(kind) ? kSeenValued : kSeenPlain;
+  // The key `prefix` + term[0..length) whose prefix hashes to hash0.
+  void add(const std::string* prefix, uint32_t hash0, const char* term,
+           size_t length, key_kind kind, double v) {
+    const size_t plen = prefix != nullptr ? prefix->size() : 0;
+    const size_t total = plen + length;
+    if (total > UINT32_MAX) fatal("key too long for the symbol table");
+    if (used + total > capacity) {
+      size_t grown = std::max<size_t>(2 * capacity, used + total + (size_t{1} << 16));
+      char* fresh = static_cast<char*>(Malloc(grown));
+      if (used != 0) memcpy(fresh, bytes, used);
+      free(bytes);
+      bytes = fresh;
+      capacity = grown;
+    }
+    char* out = bytes + used;
+    if (plen != 0) memcpy(out, prefix->data(), plen);
+    memcpy(out + plen, term, length);
+    offsets.push_back(used);
+    used += total;
+    refs.push_back(hash_key_ref{nullptr, static_cast<uint32_t>(total), 0});
+    prefix_hash.push_back(prefix != nullptr ? hash0 : 0);
+    prefix_length.push_back(static_cast<uint32_t>(plen));
+    kinds.push_back(static_cast<uint8_t>(kind));
+    values.push_back(v);
+  }
+
+  // Sets every key's pointer and hash. The hash of one key is a chain of
+  // dependent multiplications, so four keys are hashed side by side, each
+  // lane taking the next key as soon as it is through with one.
+  void finish() {
+    const size_t n = refs.size();
+    for (size_t i = 0; i < n; ++i) refs[i].key = bytes + offsets[i];
+    struct lane {
+      const char* p;
+      const char* end;
+      uint32_t h;
+      size_t key;
+    };
+    size_t next = 0;
+    auto load = [&](lane& l) {
+      l.key = next++;
+      l.p = refs[l.key].key + prefix_length[l.key];
+      l.end = refs[l.key].key + refs[l.key].length;
+      l.h = prefix_hash[l.key];
+    };
+    // One byte of a lane; false once its key is done and no key is left.
+    auto step = [&](lane& l) {
+      if (l.p != l.end) {
+        l.h = Hash_Key_Extend(l.h, l.p++, 1);
+        return true;
+      }
+      refs[l.key].hash = l.h;
+      if (next == n) return false;
+      load(l);
+      return true;
+    };
+    if (n >= 4) {
+      lane l0, l1, l2, l3;
+      load(l0);
+      load(l1);
+      load(l2);
+      load(l3);
+      for (;;) {
+        const bool a0 = step(l0), a1 = step(l1), a2 = step(l2), a3 = step(l3);
+        if (!(a0 && a1 && a2 && a3)) {
+          // The lanes still busy finish their keys one by one.
+          if (a0) refs[l0.key].hash = Hash_Key_Extend(l0.h, l0.p, static_cast<size_t>(l0.end - l0.p));
+          if (a1) refs[l1.key].hash = Hash_Key_Extend(l1.h, l1.p, static_cast<size_t>(l1.end - l1.p));
+          if (a2) refs[l2.key].hash = Hash_Key_Extend(l2.h, l2.p, static_cast<size_t>(l2.end - l2.p));
+          if (a3) refs[l3.key].hash = Hash_Key_Extend(l3.h, l3.p, static_cast<size_t>(l3.end - l3.p));
+          break;
+        }
+      }
+    }
+    for (; next < n; ++next)
+      refs[next].hash = Hash_Key_Extend(prefix_hash[next], refs[next].key + prefix_length[next],
+                                        refs[next].length - prefix_length[next]);
+  }
+};
+
+key_batch batch;
+
+// Keys gathered before a batch is looked up. Large enough that the start of
+// each batch's lookup pipeline costs little, small enough that the entries
+// and records it touched are still in cache when they are used.
+constexpr size_t kBatchKeys = 4096;
+
+// Looks up (inserting when `insert`) every key of the taken examples of
+// examples[0..n), in example order, and calls start(e) before the keys of
+// example e and use(e, entry, kind, value) for each of its keys, in the
+// order they were produced; entry is null for a key absent from the table
+// (insert false).
+template <class Take, class Start, class Use>
+void scan_keys(example** examples, int n, const key_source& src, bool class_first_pass,
+               hash_table* table, bool insert, bool progress, Take&& take, Start&& start,
+               Use&& use) {
+  batch.clear();
+  auto flush = [&]() {
+    const size_t keys = batch.refs.size();
+    batch.finish();
+    if (batch.entries.size() < keys) batch.entries.resize(keys);
+    hash_entry** entries = batch.entries.data();
+    Hash_Lookup_Batch(table, batch.refs.data(), keys, insert, entries);
+    size_t k = 0;
+    for (size_t x = 0; x < batch.examples.size(); ++x) {
+      const int e = batch.examples[x];
+      start(e);
+      for (; k < batch.ends[x]; ++k)
+        use(e, entries[k], static_cast<key_kind>(batch.kinds[k]), batch.values[k]);
+    }
+    batch.clear();
+  };
+  for (int e = 0; e < n; ++e) {
+    if (!take(e)) continue;
+    for_each_key(examples[e], src, class_first_pass,
+                 [&](int j, const char* term, size_t length, key_kind kind, double v) {
+                   if (j < 0)
+                     batch.add(nullptr, 0, term, length, kind, v);
+                   else
+                     batch.add(&src.prefix[static_cast<size_t>(j)],
+                               src.prefix_hash[static_cast<size_t>(j)], term, length,
+                               kind, v);
+                 });
+    batch.examples.push_back(e);
+    batch.ends.push_back(batch.refs.size());
+    if (batch.refs.size() >= kBatchKeys) {
+      flush();
+      if (progress) Progress_Update("collecting rules", info_count, "rules");
+    }
+  }
+  flush();
 }
 
 // ---- records ----
 
 // Scalar fields of one record; its lists were carved beforehand.
-void Allocate_Ngram_Expert(char* key, intptr_t count) {
-  expert_hash_info* info = reinterpret_cast<expert_hash_info*>(count);
+void Allocate_Ngram_Expert(expert_hash_info* info) {
   text_expert_rec* r = &text_expert[info->expert_index];
-  r->term = key;
+  r->term = info->key;
   r->type = kTypeFgram;
   r->num_train = 0;
   r->num_test = 0;
@@ -306,6 +502,26 @@ void carve_lists(int n) {
   }
 }
 
+// While the lists of a set of examples are filled from its log: the
+// record of the key kAhead places down the log, and the list slots of the
+// key half as far down, whose record was asked for earlier. Inlined from
+// the start: a function that only prefetches counts as free of side effects,
+// and a call to it would be dropped.
+[[gnu::always_inline]] inline void prefetch_lists(const occurrence_log& log, size_t k, size_t total,
+                    int text_expert_rec::*num, int* text_expert_rec::*index,
+                    int* text_expert_rec::*count) {
+  if (k + kLogAhead < total) {
+    const text_expert_rec* r = &text_expert[log.keys.at(k + kLogAhead) & kIndexMask];
+    __builtin_prefetch(&(r->*num));
+    __builtin_prefetch(&(r->*count));
+  }
+  if (k + kLogAhead / 2 < total) {
+    const text_expert_rec* r = &text_expert[log.keys.at(k + kLogAhead / 2) & kIndexMask];
+    __builtin_prefetch(r->*index + r->*num, 1);
+    __builtin_prefetch(r->*count + r->*num, 1);
+  }
+}
+
 inline void swap3(double* keys, int* a, int* b, int i, int j) {
   double k = keys[i];
   keys[i] = keys[j];
@@ -324,19 +540,18 @@ hash_table* Hash_Ngram_Experts(example_data* data, term_expander expand, int W,
                                int* num_experts, dataset_info* names) {
   hash_table* table = Init_Hash();
   reset_infos();
-  key_source src{expand, W, names, logging ? log_fscore : nullptr};
-  for (int e = 0; e < data->num_train; ++e) {
-    const int stamp = e + 1;
-    if ((e & 255) == 0) Progress_Update("collecting rules", info_count, "rules");
-    if (logging) train_log.starts.push_back(train_log.keys.size());
-    for_each_key(data->train_examples[e], src, false,
-                 [&](const char* key, key_kind kind, double v) {
-                   expert_hash_info* info = insert_key(key, table);
-                   count_train(info, stamp, kind);
-                   if (logging) log_key(train_log, info, kind, v);
-                 });
-  }
-  if (logging) train_log.starts.push_back(train_log.keys.size());
+  train_log.clear();
+  key_source src(expand, W, names, logging ? log_fscore : nullptr);
+  scan_keys(
+      data->train_examples, data->num_train, src, false, table, true, true,
+      [](int) { return true; },
+      [](int) { train_log.starts.push_back(train_log.keys.size()); },
+      [](int, hash_entry* h, key_kind kind, double v) {
+        log_key(train_log, record_of(h), kind, v);
+      });
+  train_log.starts.push_back(train_log.keys.size());
+  count_log(train_log, 1, true);
+  if (!logging) train_log.clear();
   Progress_Done();
   *num_experts = info_count;
   Index_Test_Instances(table, data, expand, W, names);
@@ -348,32 +563,27 @@ hash_table* Hash_Ngram_Experts_Class(example_data* data, term_expander expand,
                                      dataset_info* names) {
   hash_table* table = Init_Hash();
   reset_infos();
-  key_source src{expand, W, names, nullptr};
+  train_log.clear();
+  key_source src(expand, W, names, nullptr);
   // The experts are the keys of the class's examples...
   if (class_index >= 0 && class_index < data->num_classes) {
-    for (int e = 0; e < data->num_train; ++e) {
-      example* x = data->train_examples[e];
-      if (!x->labels[class_index]) continue;
-      for_each_key(x, src, true, [&](const char* key, key_kind, double) {
-        insert_key(key, table);
-      });
-    }
+    scan_keys(
+        data->train_examples, data->num_train, src, true, table, true, false,
+        [&](int e) { return data->train_examples[e]->labels[class_index] != 0; },
+        [](int) {}, [](int, hash_entry* h, key_kind, double) { record_of(h); });
   }
   // ...but their document frequencies cover the whole training set.
   src.fscore = logging ? log_fscore : nullptr;
-  for (int e = 0; e < data->num_train; ++e) {
-    const int stamp = e + 1;
-    if ((e & 255) == 0) Progress_Update("collecting rules", info_count, "rules");
-    if (logging) train_log.starts.push_back(train_log.keys.size());
-    for_each_key(data->train_examples[e], src, false,
-                 [&](const char* key, key_kind kind, double v) {
-                   hash_entry* h = Hash_Find(key, table);
-                   if (h == nullptr) return;
-                   count_train(info_of(h), stamp, kind);
-                   if (logging) log_key(train_log, info_of(h), kind, v);
-                 });
-  }
-  if (logging) train_log.starts.push_back(train_log.keys.size());
+  scan_keys(
+      data->train_examples, data->num_train, src, false, table, false, true,
+      [](int) { return true; },
+      [](int) { train_log.starts.push_back(train_log.keys.size()); },
+      [](int, hash_entry* h, key_kind kind, double v) {
+        if (h != nullptr) log_key(train_log, index_of(h), kind, v);
+      });
+  train_log.starts.push_back(train_log.keys.size());
+  count_log(train_log, 1, true);
+  if (!logging) train_log.clear();
   Progress_Done();
   *num_experts = info_count;
   Index_Test_Instances(table, data, expand, W, names);
@@ -382,24 +592,19 @@ hash_table* Hash_Ngram_Experts_Class(example_data* data, term_expander expand,
 
 void Index_Test_Instances(hash_table* table, example_data* data,
                           term_expander expand, int W, dataset_info* names) {
-  key_source src{expand, W, names, logging ? log_fscore : nullptr};
-  for (int t = 0; t < data->num_test; ++t) {
-    // Past every training stamp.
-    const int stamp = t + data->num_train + 1;
-    if (logging) test_log.starts.push_back(test_log.keys.size());
-    for_each_key(data->test_examples[t], src, false,
-                 [&](const char* key, key_kind kind, double v) {
-                   hash_entry* h = Hash_Find(key, table);
-                   if (h == nullptr) return;
-                   expert_hash_info* info = info_of(h);
-                   if (info->last_example != stamp) {
-                     info->last_example = stamp;
-                     info->num_test_docs++;
-                   }
-                   if (logging) log_key(test_log, info, kind, v);
-                 });
-  }
-  if (logging) test_log.starts.push_back(test_log.keys.size());
+  test_log.clear();
+  key_source src(expand, W, names, logging ? log_fscore : nullptr);
+  scan_keys(
+      data->test_examples, data->num_test, src, false, table, false, false,
+      [](int) { return true; },
+      [](int) { test_log.starts.push_back(test_log.keys.size()); },
+      [](int, hash_entry* h, key_kind kind, double v) {
+        if (h != nullptr) log_key(test_log, index_of(h), kind, v);
+      });
+  test_log.starts.push_back(test_log.keys.size());
+  // Test stamps lie past every training stamp.
+  count_log(test_log, data->num_train + 1, false);
+  if (!logging) test_log.clear();
 }
 
 text_expert_rec* Create_Ngram_Experts(example_data* data, term_expander expand,
@@ -417,16 +622,20 @@ text_expert_rec* Create_Ngram_Experts(example_data* data, term_expander expand,
   test_log.clear();
   logging = true;
   log_fscore = info->fscore != nullptr ? info->fscore : adds;
-  hash_table* table =
-      info->class_index >= 0
-          ? Hash_Ngram_Experts_Class(data, expand, W, &n, info->class_index, names)
-          : Hash_Ngram_Experts(data, expand, W, &n, names);
+  // The key table is not needed past this point: the records keep its keys.
+  if (info->class_index >= 0)
+    Hash_Ngram_Experts_Class(data, expand, W, &n, info->class_index, names);
+  else
+    Hash_Ngram_Experts(data, expand, W, &n, names);
   logging = false;
 
   text_expert = static_cast<text_expert_rec*>(
       Malloc(sizeof(text_expert_rec) * (static_cast<size_t>(n) + 1)));
   carve_lists(n);
-  Apply_To_Hash(Allocate_Ngram_Expert, table);
+  // Each record is made at its own expert index, so walking the records in
+  // index order gives what a scan of the table would, with sequential
+  // instead of scattered reads.
+  for (int i = 0; i < n; ++i) Allocate_Ngram_Expert(info_at(i));
   text_expert[n].term = nullptr;
 
   pair_combiner fmultiple = info->fmultiple != nullptr ? info->fmultiple : max;
@@ -435,11 +644,15 @@ text_expert_rec* Create_Ngram_Experts(example_data* data, term_expander expand,
   // Training lists, from the keys logged in example order. An example's
   // entry is the last one of the list while that example is being filled,
   // so a recurring key is recognised there. Keys without values had no
-  // value storage carved: their value arrays are null.
+  // value storage carved: their value arrays are null, and only an
+  // occurrence with a value looks at them.
   size_t vi = 0;
+  size_t total = train_log.keys.size();
+  size_t k = 0;
   for (int e = 0; e < data->num_train; ++e) {
-    for (size_t k = train_log.starts[static_cast<size_t>(e)];
-         k < train_log.starts[static_cast<size_t>(e) + 1]; ++k) {
+    for (const size_t end = train_log.starts[static_cast<size_t>(e) + 1]; k < end; ++k) {
+      prefetch_lists(train_log, k, total, &text_expert_rec::num_train,
+                     &text_expert_rec::train_index, &text_expert_rec::train_count);
       const uint32_t code = train_log.keys.at(k);
       const uint32_t tag = code >> kTagShift;
       const double v = tag != kTagPlain ? train_log.values.at(vi++) : 0.0;
@@ -457,22 +670,25 @@ text_expert_rec* Create_Ngram_Experts(example_data* data, term_expander expand,
         const int pos = r->num_train++;
         r->train_index[pos] = e;
         r->train_count[pos] = 1;
-        if (r->values != nullptr && tag != kTagPlain) {
+        if (tag != kTagPlain && r->values != nullptr) {
           r->values[pos] = v;
           r->sorted_values[pos] = v;
           r->sorted_index[pos] = e;
         }
       }
-      if (r->values != nullptr && tag != kTagPlain) r->type = valued_type;
+      if (tag != kTagPlain && r->values != nullptr) r->type = valued_type;
     }
   }
 
   // Test lists, numbered after the training examples.
   vi = 0;
+  total = test_log.keys.size();
+  k = 0;
   for (int t = 0; t < data->num_test; ++t) {
     const int stamp = t + data->num_train;
-    for (size_t k = test_log.starts[static_cast<size_t>(t)];
-         k < test_log.starts[static_cast<size_t>(t) + 1]; ++k) {
+    for (const size_t end = test_log.starts[static_cast<size_t>(t) + 1]; k < end; ++k) {
+      prefetch_lists(test_log, k, total, &text_expert_rec::num_test,
+                     &text_expert_rec::test_index, &text_expert_rec::test_count);
       const uint32_t code = test_log.keys.at(k);
       const uint32_t tag = code >> kTagShift;
       const double v = tag != kTagPlain ? test_log.values.at(vi++) : 0.0;
@@ -486,7 +702,7 @@ text_expert_rec* Create_Ngram_Experts(example_data* data, term_expander expand,
         const int pos = r->num_test++;
         r->test_index[pos] = stamp;
         r->test_count[pos] = 1;
-        if (r->test_values != nullptr && tag != kTagPlain) r->test_values[pos] = v;
+        if (tag != kTagPlain && r->test_values != nullptr) r->test_values[pos] = v;
       }
     }
   }
@@ -600,9 +816,9 @@ double* Sgram_Expert_Prediction(text_expert_rec* weak_hyp, example* x) {
   return count >= 1 ? weak_hyp->c1 : weak_hyp->c0;
 }
 
-void Print_Hashed_Info(char* key, intptr_t info) {
+void Print_Hashed_Info(char* key, intptr_t count) {
   printf("%20s appeared in %4d docs\n", key,
-         reinterpret_cast<expert_hash_info*>(info)->num_train_docs);
+         info_at(static_cast<int>(count - 1))->num_train_docs);
 }
 
 int Num_Text_Experts() { return num_text_experts; }

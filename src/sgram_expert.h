@@ -50,13 +50,15 @@ struct text_expert_rec {
   int list_id;
 };
 
+// The record of one key while the experts are collected; the key table's
+// entry for the key holds its expert index plus one.
 struct expert_hash_info {
   int num_test_docs;
   int num_train_docs;
-  int last_example;
+  int last_example;  // stamp of the last example counted
   int expert_index;
-  int spare;
-  double spare_value;
+  int spare;         // kinds of attribute the key was met with in training
+  char* key;         // the key, as the table holds it
 };
 
 /// Builds every expert of the training set; the array ends with a record
@@ -75,7 +77,9 @@ void Index_Test_Instances(hash_table* table, example_data* data,
 void rsort(double* keys, int* a, int* b, int n);
 text_expert_rec* Copy_Text_Expert(const text_expert_rec* expert, int num_labels);
 double* Sgram_Expert_Prediction(text_expert_rec* weak_hyp, example* x);
-void Print_Hashed_Info(char* key, intptr_t info);
+/// Applied to the table's entries, lists each key and its document
+/// frequency in the last collection.
+void Print_Hashed_Info(char* key, intptr_t count);
 
 /// Number of experts built by the last Create_Ngram_Experts (without the
 /// terminating record), and the total of their training occurrences.

@@ -34,6 +34,18 @@ char** save_scores = nullptr;
 char** window_scores = nullptr;
 int num_saved = 0;
 
+// The words of the current full window (offsets into ngram and lengths),
+// found once per window rather than once per mask, and the positions whose
+// word holds a "*" (bit i for word i).
+int word_start[64];
+int word_length[64];
+uint64_t star_words = 0;
+
+// Whether the term last returned by Next_Sparse_Ngram_Intern holds a "*":
+// trimming removes only "?" and blanks, so it does exactly when one of the
+// words it keeps does.
+bool last_has_star = false;
+
 // Next_Sparse_Ngram: 1 when the next call starts a new text.
 int first = 1;
 
@@ -196,7 +208,18 @@ char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
         save_scores[i] = copy_token(scores[i], strlen(scores[i]));
       }
     }
-    term_buf.reserve(strlen(ngram) + 2 * static_cast<size_t>(W) + 3);
+    // The words of the window: each ends at a blank or at the window's end.
+    const char* q = ngram;
+    star_words = 0;
+    for (int i = 0; i < W; ++i) {
+      const char* e = q;
+      while (*e != '\0' && *e != ' ') ++e;
+      word_start[i] = static_cast<int>(q - ngram);
+      word_length[i] = static_cast<int>(e - q);
+      if (memchr(q, '*', static_cast<size_t>(e - q)) != nullptr) star_words |= uint64_t{1} << i;
+      q = *e == '\0' ? e : e + 1;
+    }
+    term_buf.reserve(static_cast<size_t>(q - ngram) + 2 * static_cast<size_t>(W) + 3);
   } else if (save_scores != nullptr) {
     // Undo the wildcard marks of the previous mask.
     for (int i = 0; i < num_saved; ++i) {
@@ -207,23 +230,20 @@ char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
   }
 
   char* out = term_buf.data;
-  const char* q = ngram;
   for (int i = 0; i < W; ++i) {
-    const char* e = q;
-    while (*e != '\0' && *e != ' ') ++e;
     if ((cur_ind >> i) & 1) {
       *out++ = '?';
       *out++ = ' ';
       if (save_scores != nullptr && i < num_saved) strcpy(scores[i], "?");
     } else {
-      size_t len = static_cast<size_t>(e - q);
-      memcpy(out, q, len);
+      size_t len = static_cast<size_t>(word_length[i]);
+      memcpy(out, ngram + word_start[i], len);
       out += len;
       *out++ = ' ';
     }
-    q = *e == '\0' ? e : e + 1;
   }
   *out = '\0';
+  last_has_star = (star_words & ~cur_ind) != 0;
   cur_ind += 2;  // bit 0 stays clear: the first word is always real
 
   // Trim wildcards and blanks from both ends, keeping one trailing blank.
@@ -278,7 +298,7 @@ char* Next_Sparse_Ngram(char* text, int W, int type, char** scores,
       first = 1;
       return nullptr;
     }
-    if (strchr(term, '*') == nullptr) {
+    if (!last_has_star) {
       first = 0;
       return term;
     }
