@@ -60,26 +60,62 @@ int dist_size = 0;
 // order matters (the normaliser Z, the error totals) still run over the
 // examples in order. Groups are numbered by their first example, so a group
 // never numbers below the group it was split from.
+//
+// A group's per-label values live in a row of k doubles. When a group
+// splits, the part holding its first example (its heir) keeps the row and
+// is updated in place; every other part gets a new row, filled from the old
+// row before the heirs overwrite theirs. There are always as many rows as
+// groups.
 struct example_groups {
   int n = 0;                           // examples of the set
-  int count = 0;                       // groups
+  int count = 0;                       // groups (and rows)
   std::vector<int> of;                 // group of each example
   std::vector<int> first;              // first example of each group
-  std::vector<int> parent;             // group before the last split
+  std::vector<int> row;                // row of each group
+  std::vector<int> from_row;           // row it was split from (its own for heirs)
+  std::vector<int> new_rows;           // groups with a new row at the last split
+  std::vector<int> heirs;              // groups that kept their row, in order
   std::vector<const double*> pred;     // the last hypothesis's answer per group
   std::vector<const double*> pred_of;  // the last hypothesis's answer per example
   std::vector<double> linear_rows;     // answers of a LINEAR hypothesis, n rows
-  std::vector<double> sums, next_sums;  // score sums, count rows of k
+  std::vector<double> sums;            // score sums, one row per group
   std::vector<double> wrong, margin;   // error and margin per group (reports)
   std::vector<int> slot;               // split work: 3 slots per old group
+  std::vector<int> next_row;           // split work
 };
 
 example_groups train_groups, test_groups;
 
+// Runs fn(h, from, to) for every group of the last split, on all threads:
+// first the groups with new rows, then the heirs (from == to), so that an
+// old row is read before it is overwritten. After_first(end) is called on
+// the thread of the first heirs once every group below heirs[end] is done.
+template <typename Fn, typename After>
+void for_each_split_group(const example_groups& g, const Fn& fn, const After& after_first) {
+  Run_Parallel(static_cast<int>(g.new_rows.size()), [&](int j0, int j1, int) {
+    for (int j = j0; j < j1; ++j) {
+      const int h = g.new_rows[j];
+      fn(h, g.from_row[h], g.row[h]);
+    }
+  });
+  bool after_done = false;
+  Run_Parallel(static_cast<int>(g.heirs.size()), [&](int j0, int j1, int) {
+    for (int j = j0; j < j1; ++j) {
+      const int h = g.heirs[j];
+      fn(h, g.row[h], g.row[h]);
+    }
+    if (j0 == 0) {
+      after_first(j1);
+      after_done = true;
+    }
+  });
+  if (!after_done) after_first(0);
+}
+
 // Real AdaBoost.MH: log weights and their exponentials per training group.
 // The subtraction of ln Z that ends a round is carried to the next round's
 // update, which then does both roundings in the original order.
-std::vector<double> group_log, next_group_log, group_exp;
+std::vector<double> group_log, group_exp;
 double pending_log_z = 0.0;
 bool log_z_pending = false;
 
@@ -165,8 +201,8 @@ void init_groups(example_groups* g, int n, unsigned char** labels, int k) {
     g->of[i] = found.first->second;
   }
   g->count = static_cast<int>(g->first.size());
-  g->parent.assign(g->count, 0);
-  for (int h = 0; h < g->count; ++h) g->parent[h] = h;
+  g->row.resize(g->count);
+  for (int h = 0; h < g->count; ++h) g->row[h] = h;
   g->sums.assign(static_cast<size_t>(g->count) * k, 0.0);
 }
 
@@ -182,26 +218,42 @@ void split_groups(example_groups* g, text_expert_rec* h, example** examples, int
     store = g->linear_rows.data();
   }
   Eval_Weak_Hypothesis_Block(h, examples, g->n, first, store, g->pred_of.data());
-  g->slot.assign(3 * static_cast<size_t>(g->count), -1);
-  g->parent.clear();
+  const int old_count = g->count;
+  // slot[4 * old + r]: the new group of old group `old` for answer r; the
+  // fourth slot marks that the heir is taken.
+  g->slot.assign(4 * static_cast<size_t>(old_count), -1);
   g->first.clear();
   g->pred.clear();
+  g->next_row.clear();
+  g->from_row.clear();
+  g->new_rows.clear();
+  g->heirs.clear();
   int count = 0;
   for (int i = 0; i < g->n; ++i) {
     const double* p = g->pred_of[i];
     const int r = p == h->c0 ? 0 : p == h->c1 ? 1 : p == h->c2 ? 2 : 3;
     const int old = g->of[i];
-    int id = r < 3 ? g->slot[3 * static_cast<size_t>(old) + r] : -1;
+    int* slots = &g->slot[4 * static_cast<size_t>(old)];
+    int id = r < 3 ? slots[r] : -1;
     if (id < 0) {
       id = count++;
-      g->parent.push_back(old);
       g->first.push_back(i);
       g->pred.push_back(p);
-      if (r < 3) g->slot[3 * static_cast<size_t>(old) + r] = id;
+      g->from_row.push_back(g->row[old]);
+      if (slots[3] < 0) {  // the part holding the old group's first example
+        slots[3] = id;
+        g->next_row.push_back(g->row[old]);
+        g->heirs.push_back(id);
+      } else {
+        g->next_row.push_back(old_count + static_cast<int>(g->new_rows.size()));
+        g->new_rows.push_back(id);
+      }
+      if (r < 3) slots[r] = id;
     }
     g->of[i] = id;
   }
   g->count = count;
+  g->row.swap(g->next_row);
 }
 
 // The per-example score sums, one row per example.
@@ -209,7 +261,7 @@ double** expand_sums(const example_groups& g, int k) {
   double** rows = alloc_rows(g.n, k);
   for (int i = 0; i < g.n; ++i)
     if (k > 0)
-      memcpy(rows[i], &g.sums[static_cast<size_t>(g.of[i]) * k], sizeof(double) * k);
+      memcpy(rows[i], &g.sums[static_cast<size_t>(g.row[g.of[i]]) * k], sizeof(double) * k);
   return rows;
 }
 
@@ -449,11 +501,12 @@ void publish_distribution(double err) {
     inv = 1.0 / err;
   }
   const int* of = train_groups.of.data();
+  const int* rows = train_groups.row.data();
   const double* e = group_exp.data();
   double* d = distribution;
   Run_Parallel(m, [&](int i0, int i1, int) {
     for (int i = i0; i < i1; ++i) {
-      const double* row = e + static_cast<size_t>(of[i]) * k;
+      const double* row = e + static_cast<size_t>(rows[of[i]]) * k;
       double* out = d + static_cast<size_t>(i) * k;
       if (scale) {
         for (int l = 0; l < k; ++l) out[l] = mul_nan_first(row[l], inv);
@@ -556,38 +609,50 @@ double compute_loss(struct weak_hyp* /*entry*/, double* out_abstain, double alph
       }
   } else {
     // Each group's log weights are updated on their own (on all threads);
-    // Z is then summed over the examples in order.
+    // Z is summed over the examples in order. Examples before the first one
+    // of group h use only groups below h, so the thread of the first heirs
+    // starts the sum over those while the others finish their groups.
     const example_groups& g = train_groups;
     const size_t rows = static_cast<size_t>(g.count) * k;
     const size_t limit = static_cast<size_t>(m) * k;
-    size_rows(&next_group_log, rows, limit);
+    size_rows(&group_log, rows, limit);
     size_rows(&group_exp, rows, limit);
     const bool pending = log_z_pending;
     const double lz = pending_log_z;
-    Run_Parallel(g.count, [&](int h0, int h1, int) {
-      for (int h = h0; h < h1; ++h) {
-        const double* old = &group_log[static_cast<size_t>(g.parent[h]) * k];
-        double* ld = &next_group_log[static_cast<size_t>(h) * k];
-        double* e = &group_exp[static_cast<size_t>(h) * k];
-        const double* p = g.pred[h];
-        const unsigned char* yh = y[g.first[h]];
-        for (int l = 0; l < k; ++l) {
-          double v = old[l];
-          if (pending) v -= lz;
-          v = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
-          ld[l] = v;
-          e[l] = exp(v);
-        }
-      }
-    });
-    group_log.swap(next_group_log);
-    log_z_pending = false;
     const int* of = g.of.data();
-    const double* e = group_exp.data();
-    for (int i = 0; i < m; ++i) {
-      const double* row = e + static_cast<size_t>(of[i]) * k;
-      for (int l = 0; l < k; ++l) loss += row[l];
-    }
+    const int* row_of = g.row.data();
+    const double* exps = group_exp.data();
+    int summed = 0;
+    auto add_to_z = [&](int i0, int i1) {
+      double z = loss;
+      for (int i = i0; i < i1; ++i) {
+        const double* row = exps + static_cast<size_t>(row_of[of[i]]) * k;
+        for (int l = 0; l < k; ++l) z += row[l];
+      }
+      loss = z;
+    };
+    for_each_split_group(
+        g,
+        [&](int h, int from, int to) {
+          const double* old = &group_log[static_cast<size_t>(from) * k];
+          double* ld = &group_log[static_cast<size_t>(to) * k];
+          double* e = &group_exp[static_cast<size_t>(to) * k];
+          const double* p = g.pred[h];
+          const unsigned char* yh = y[g.first[h]];
+          for (int l = 0; l < k; ++l) {
+            double v = old[l];
+            if (pending) v -= lz;
+            v = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
+            ld[l] = v;
+            e[l] = exp(v);
+          }
+        },
+        [&](int end) {
+          summed = end < static_cast<int>(g.heirs.size()) ? g.first[g.heirs[end]] : m;
+          add_to_z(0, summed);
+        });
+    add_to_z(summed, m);
+    log_z_pending = false;
   }
   *out_abstain = 0.0;
   if (loss_mode == 1) {
@@ -645,10 +710,14 @@ void strong_prediction(const double* sums, double* out_margin, double* result) {
 
 // One example's share of the error: `wrong`, the strong prediction's total
 // on classes the example lacks (in utility mode its utility), and its
-// margin. `result` is work space of at least max(k, 2) doubles.
-void example_error(const double* sums, const unsigned char* y, double* result,
-                   double* wrong, double* margin) {
+// margin.
+void example_error(const double* sums, const unsigned char* y, double* wrong,
+                   double* margin) {
   const int k = data->num_classes;
+  // The prediction vector, where it is needed; one per thread.
+  thread_local std::vector<double> work;
+  work.resize(k < 2 ? 2 : k);
+  double* result = work.data();
   if (utility_mode) {
     const int c = carries_class1(y, k);
     strong_prediction(sums, nullptr, result);
@@ -695,23 +764,20 @@ void example_error(const double* sums, const unsigned char* y, double* result,
 void update_group_sums(example_groups* g, unsigned char** labels,
                        const struct weak_hyp* entry, bool errors) {
   const int k = data->num_classes;
-  size_rows(&g->next_sums, static_cast<size_t>(g->count) * k, static_cast<size_t>(g->n) * k);
+  size_rows(&g->sums, static_cast<size_t>(g->count) * k, static_cast<size_t>(g->n) * k);
   if (errors) {
     g->wrong.resize(g->count);
     g->margin.resize(g->count);
   }
-  Run_Parallel(g->count, [&](int h0, int h1, int) {
-    std::vector<double> result(k < 2 ? 2 : k);
-    for (int h = h0; h < h1; ++h) {
-      double* sums = &g->next_sums[static_cast<size_t>(h) * k];
-      add_prediction(entry, &g->sums[static_cast<size_t>(g->parent[h]) * k], g->pred[h],
-                     sums, k);
-      if (errors)
-        example_error(sums, labels[g->first[h]], result.data(), &g->wrong[h],
-                      &g->margin[h]);
-    }
-  });
-  g->sums.swap(g->next_sums);
+  for_each_split_group(
+      *g,
+      [&](int h, int from, int to) {
+        double* sums = &g->sums[static_cast<size_t>(to) * k];
+        add_prediction(entry, &g->sums[static_cast<size_t>(from) * k], g->pred[h], sums, k);
+        if (errors)
+          example_error(sums, labels[g->first[h]], &g->wrong[h], &g->margin[h]);
+      },
+      [](int) {});
 }
 
 void update_weak_hyp_sums(struct weak_hyp* entry, bool errors) {
@@ -759,8 +825,6 @@ double* eval_strong_hyp(double* sums, double* out_margin) {
 
 void eval_error(int n, example** /*instances*/, unsigned char** labels, double** sums,
                 double* out_err, double* out_rej_err, double* out_rej_frac) {
-  const int k = data->num_classes;
-  std::vector<double> result(k < 2 ? 2 : k);
   example_groups g;
   g.n = n;
   g.count = n;
@@ -769,7 +833,7 @@ void eval_error(int n, example** /*instances*/, unsigned char** labels, double**
   g.margin.resize(n);
   for (int i = 0; i < n; ++i) {
     g.of[i] = i;
-    example_error(sums[i], labels[i], result.data(), &g.wrong[i], &g.margin[i]);
+    example_error(sums[i], labels[i], &g.wrong[i], &g.margin[i]);
   }
   set_error(g, out_err, out_rej_err, out_rej_frac);
 }
@@ -892,12 +956,8 @@ void boost() {
   // The per-example score sums, for the predictions and for callers; the
   // groups are not needed any more.
   group_log = std::vector<double>();
-  next_group_log = std::vector<double>();
   group_exp = std::vector<double>();
-  for (example_groups* g : {&train_groups, &test_groups}) {
-    g->next_sums = std::vector<double>();
-    g->linear_rows = std::vector<double>();
-  }
+  for (example_groups* g : {&train_groups, &test_groups}) g->linear_rows = std::vector<double>();
   train_sum_wh = expand_sums(train_groups, data->num_classes);
   test_sum_wh = expand_sums(test_groups, data->num_classes);
   train_groups = example_groups();
