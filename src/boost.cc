@@ -80,7 +80,7 @@ struct example_groups {
   std::vector<double> linear_rows;     // answers of a LINEAR hypothesis, n rows
   std::vector<double> sums;            // score sums, one row per group
   std::vector<double> wrong, margin;   // error and margin per group (reports)
-  std::vector<int> slot;               // split work: 3 slots per old group
+  std::vector<int> slot;               // split work: 4 slots per old group
   std::vector<int> next_row;           // split work
 };
 
@@ -489,7 +489,8 @@ void init_distribution() {
 }
 
 // Real AdaBoost.MH: distribution = the exponentials of the log weights,
-// divided by Z unless -u keeps them as they are.
+// divided by Z (`err`) unless -u keeps them as they are; ln Z is then taken
+// off the log weights at the start of the next update.
 void publish_distribution(double err) {
   const int m = data->num_train;
   const int k = data->num_classes;
@@ -518,8 +519,8 @@ void publish_distribution(double err) {
 }
 
 void modify_distribution(struct weak_hyp* /*entry*/, double err, double abstain) {
-  // Real AdaBoost.MH: the new weights exp(log weight) of compute_loss are
-  // handed on whether or not -u stops the update (as Z's normalisation).
+  // Real AdaBoost.MH: the weights exp(log weight) that compute_loss found
+  // are handed on even when -u stops the update (then without dividing by Z).
   if (loss_mode == 3) {
     publish_distribution(err);
     return;

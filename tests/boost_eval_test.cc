@@ -154,8 +154,9 @@ TEST_F(BoostEvalTest, BlockEvaluationAnswersAsOneExampleAtATime) {
           EXPECT_TRUE(SameBits(got[i][l], want[l])) << "case " << c << " example " << i;
       }
       // A LINEAR hypothesis's c1 holds the last answer either way.
-      if (cases[c].type == kTypeLinear)
+      if (cases[c].type == kTypeLinear) {
         for (int l = 0; l < k; ++l) EXPECT_TRUE(SameBits(c1_after_block[l], rule.vec[1][l]));
+      }
     }
   }
 }
@@ -250,7 +251,9 @@ void ExpectReplayMatches(bool check_weights) {
   double** got = Train_Sums();
   for (size_t j = 0; j < mk; ++j) {
     EXPECT_TRUE(SameBits(got[j / k][j % k], sums[j])) << "sum " << j;
-    if (check_weights) EXPECT_TRUE(SameBits(Distribution()[j], d[j])) << "weight " << j;
+    if (check_weights) {
+      EXPECT_TRUE(SameBits(Distribution()[j], d[j])) << "weight " << j;
+    }
   }
 }
 
