@@ -197,13 +197,15 @@ struct key_source {
   int window;
   dataset_info* names;
   score_combiner fscore;  // null: the terms are produced without scores
+  bool known;             // expand is one of the enumerators, which give the length
   // Per attribute, "name:" and its hash, the start of every key of the
   // attribute (of a text attribute only when there are several attributes).
   std::vector<std::string> prefix;
   std::vector<uint32_t> prefix_hash;
 
   key_source(term_expander e, int w, dataset_info* n, score_combiner f)
-      : expand(e), window(w), names(n), fscore(f) {
+      : expand(e), window(w), names(n), fscore(f),
+        known(e == Next_Sparse_Ngram || e == Next_Ngram || e == Next_Ngram_Full) {
     for (int j = 0; j < n->num_attributes; ++j) {
       prefix.push_back(std::string(n->attributes[j].name) + ":");
       prefix_hash.push_back(Hash_Key(prefix.back().c_str()));
@@ -264,7 +266,7 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
       const int pj = prefix ? j : -1;
       for (char* term; (term = src.expand(value, src.window, nv, scores, want)) != nullptr;) {
         double v = want ? static_cast<double>(src.fscore(scores)) : 0.0;
-        f(pj, term, strlen(term), kind, v);
+        f(pj, term, src.known ? Last_Term_Length() : strlen(term), kind, v);
         if (owned) {
           free(term);
           if (want) {

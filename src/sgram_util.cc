@@ -46,6 +46,9 @@ uint64_t star_words = 0;
 // words it keeps does.
 bool last_has_star = false;
 
+// strlen of the term any enumerator returned last.
+size_t last_length = 0;
+
 // Next_Sparse_Ngram: 1 when the next call starts a new text.
 int first = 1;
 
@@ -137,7 +140,10 @@ char* Next_Ngram_Full(char* text, int n, int type, char** scores,
   }
   *end = '\0';
   text_1 = end;
-  if (!scored) return text_0;
+  if (!scored) {
+    last_length = static_cast<size_t>(end - text_0);
+    return text_0;
+  }
 
   // Scored text: the words joined by blanks, the scores copied out.
   char* result = static_cast<char*>(Malloc(strlen(text_0) + 1));
@@ -160,6 +166,7 @@ char* Next_Ngram_Full(char* text, int n, int type, char** scores,
   }
   *out = '\0';
   if (give_scores) scores[j] = nullptr;
+  last_length = static_cast<size_t>(out - result);
   return result;
 }
 
@@ -191,6 +198,9 @@ char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
   if (W < 1 || W > kMaxSparseWindow) return nullptr;
 
   if (ngram == nullptr || cur_ind >= (uint64_t{1} << W)) {
+    // A plain window that follows another of the same text in place (one
+    // word further on) shares all but its last word with it.
+    const char* before = scored ? nullptr : ngram;
     if (ngram != nullptr && scored) {
       if (save_scores != nullptr) release_window_scores(scores);
       free(ngram);  // only a scored window is an allocation
@@ -209,9 +219,22 @@ char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
       }
     }
     // The words of the window: each ends at a blank or at the window's end.
+    int from = 0;
     const char* q = ngram;
-    star_words = 0;
-    for (int i = 0; i < W; ++i) {
+    if (before != nullptr && W >= 2 && ngram == before + word_start[1] &&
+        ngram[word_start[W - 1] + word_length[W - 1] - word_start[1]] == ' ') {
+      const int shift = word_start[1];
+      for (int i = 0; i + 1 < W; ++i) {
+        word_start[i] = word_start[i + 1] - shift;
+        word_length[i] = word_length[i + 1];
+      }
+      star_words >>= 1;
+      from = W - 1;
+      q = ngram + word_start[W - 2] + word_length[W - 2] + 1;
+    } else {
+      star_words = 0;
+    }
+    for (int i = from; i < W; ++i) {
       const char* e = q;
       while (*e != '\0' && *e != ' ') ++e;
       word_start[i] = static_cast<int>(q - ngram);
@@ -229,21 +252,35 @@ char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
     scores[num_saved] = nullptr;
   }
 
+  // The term is written up to its last real word: the wildcards after it
+  // would be trimmed away below. Consecutive real words are copied as one
+  // piece when the window holds them with their blanks between.
+  const uint64_t mask = cur_ind;
+  int last = W - 1;
+  while (last > 0 && ((mask >> last) & 1)) --last;
   char* out = term_buf.data;
-  for (int i = 0; i < W; ++i) {
-    if ((cur_ind >> i) & 1) {
+  for (int i = 0; i <= last;) {
+    if ((mask >> i) & 1) {
       *out++ = '?';
       *out++ = ' ';
       if (save_scores != nullptr && i < num_saved) strcpy(scores[i], "?");
-    } else {
-      size_t len = static_cast<size_t>(word_length[i]);
-      memcpy(out, ngram + word_start[i], len);
-      out += len;
-      *out++ = ' ';
+      ++i;
+      continue;
     }
+    int j = i;
+    while (j < last && !((mask >> (j + 1)) & 1) &&
+           word_start[j + 1] == word_start[j] + word_length[j] + 1)
+      ++j;
+    const size_t len = static_cast<size_t>(word_start[j] + word_length[j] - word_start[i]);
+    memcpy(out, ngram + word_start[i], len);
+    out += len;
+    *out++ = ' ';
+    i = j + 1;
   }
   *out = '\0';
-  last_has_star = (star_words & ~cur_ind) != 0;
+  if (save_scores != nullptr)
+    for (int i = last + 1; i < W && i < num_saved; ++i) strcpy(scores[i], "?");
+  last_has_star = (star_words & ~mask) != 0;
   cur_ind += 2;  // bit 0 stays clear: the first word is always real
 
   // Trim wildcards and blanks from both ends, keeping one trailing blank.
@@ -255,11 +292,13 @@ char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
     // is the blank that is left behind, as for any other term.
     s[0] = ' ';
     s[1] = '\0';
+    last_length = 1;
     return s;
   }
   while (e > s && (*e == '?' || *e == ' ')) --e;
   e[1] = ' ';
   e[2] = '\0';
+  last_length = static_cast<size_t>(e + 2 - s);
   return s;
 }
 
@@ -304,3 +343,5 @@ char* Next_Sparse_Ngram(char* text, int W, int type, char** scores,
     }
   }
 }
+
+size_t Last_Term_Length() { return last_length; }

@@ -5,6 +5,8 @@
 #ifndef MHBOOST_SGRAM_UTIL_H_
 #define MHBOOST_SGRAM_UTIL_H_
 
+#include <cstddef>
+
 /// Signature shared by all enumerators so that any can be chosen by -N.
 /// `type` is kText or kScoredText; `scores` has room for W + 1 pointers.
 using term_expander = char* (*)(char* text, int len, int type, char** scores,
@@ -20,6 +22,10 @@ char* Next_Sparse_Ngram(char* text, int W, int type, char** scores,
                         int want_scores);
 char* Next_Sparse_Ngram_Intern(char* padded_text, int W, int type,
                                char** scores, int want_scores);
+
+/// strlen of the term that the enumerator called last returned, so that
+/// callers need not measure it again.
+size_t Last_Term_Length();
 
 /// Texts of this length or more are refused by the sparse enumerator
 /// (besides the 2W padding allowance).

@@ -22,7 +22,8 @@ hash_table* words_hash = nullptr;
 std::string word_buf;
 std::vector<int> id_buf;
 
-inline bool is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+// isspace of the "C" locale (the program never changes locale), inline.
+inline bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 // Reads the next whitespace-delimited word at or after `p` into word_buf, as
 // the "%s" conversion would. Returns the character after the word, or null
