@@ -104,10 +104,6 @@ std::vector<uint8_t> candidate;  // expert in block -> needs an exact score
 std::vector<long double> scores; // expert in block -> exact score
 std::vector<int> copy_of;        // expert in block -> earlier expert with same score, or -1
 
-// The rows and label bytes of a threshold expert's examples in value order.
-std::vector<double> sorted_rows;
-std::vector<uint8_t> sorted_labels;
-
 // Per-thread working tables for scoring functions called from threads.
 struct Thread_Table {
   double* w[3][2];
@@ -432,7 +428,7 @@ void find_band_segments() {
 
 // One list, or one band's segment of a long list, to add into a slot's sums;
 // its row indices are copied to `flat` at `offset`, so that the kernel can
-// fetch rows ahead across the ends of short lists.
+// fetch rows ahead across the ends of pieces.
 struct Piece {
   int slot, offset, length;
 };
@@ -594,52 +590,50 @@ void for_slot_ranges(int nslots, const Fn& fn) {
     if (p == -1 || p == n - 1 || v[p + 1] != v[p]) cand.push_back(p);
   const size_t nc = cand.size();
   std::vector<double> terms(nc * k);
-  // The rows in value order, gathered once so that the sweeps below read
-  // them one after the other.
   const size_t ku = static_cast<size_t>(k);
-  if (sorted_rows.size() < static_cast<size_t>(n) * ku) {
-    sorted_rows.resize(static_cast<size_t>(n) * ku);
-    sorted_labels.resize(static_cast<size_t>(n) * ku);
-  }
-  pool->Run(n, [&](int j0, int j1, int) {
-    for (int j = j0; j < j1; ++j) {
-      if (j + 8 < j1) {
-        const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + 8]) * ku);
-        for (size_t b = 0; b < ku * sizeof(double); b += 64) _mm_prefetch(ahead + b, _MM_HINT_T0);
-      }
-      const size_t i = static_cast<size_t>(order[j]);
-      memcpy(&sorted_rows[j * ku], D + i * ku, sizeof(double) * ku);
-      memcpy(&sorted_labels[j * ku], &label_rows[i * ku], ku);
-    }
-  });
   pool->Run(k, [&](int l0, int l1, int) {
     double* t0 = W[0][0];
     double* t1 = W[0][1];
     double *a0 = W[1][0], *a1 = W[1][1], *b0 = W[2][0], *b1 = W[2][1];
     for (int l = l0; l < l1; ++l) a0[l] = a1[l] = b0[l] = b1[l] = 0.0;
+    // This thread's labels of the rows in value order, gathered while all
+    // examples go into region 2, so that the sweep reads them in sequence.
+    const size_t w = static_cast<size_t>(l1 - l0);
+    thread_local std::vector<double> rows;
+    thread_local std::vector<uint8_t> ys;
+    rows.resize(static_cast<size_t>(n) * w);
+    ys.resize(static_cast<size_t>(n) * w);
     for (int j = 0; j < n; ++j) {
-      const double* row = &sorted_rows[j * ku];
-      const unsigned char* yi = &sorted_labels[j * ku];
+      if (j + 8 < n) {
+        const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + 8]) * ku + l0);
+        for (size_t q = 0; q < w * sizeof(double); q += 64) _mm_prefetch(ahead + q, _MM_HINT_T0);
+      }
+      const size_t i = static_cast<size_t>(order[j]);
+      const double* src = D + i * ku + l0;
+      const uint8_t* ysrc = &label_rows[i * ku + l0];
+      double* row = &rows[j * w];
+      uint8_t* yi = &ys[j * w];
       for (int l = l0; l < l1; ++l) {
-        const double d = row[l];
-        b1[l] += yi[l] ? d : 0.0;
-        b0[l] += yi[l] ? 0.0 : d;
+        const double d = src[l - l0];
+        const uint8_t y = ysrc[l - l0];
+        row[l - l0] = d;
+        yi[l - l0] = y;
+        b1[l] += y ? d : 0.0;
+        b0[l] += y ? 0.0 : d;
       }
     }
     size_t ci = 0;
     for (int p = -1; p < n; ++p) {
       if (p >= 0) {
-        const double* row = &sorted_rows[p * ku];
-        const unsigned char* yi = &sorted_labels[p * ku];
+        const double* row = &rows[p * w];
+        const uint8_t* yi = &ys[p * w];
         for (int l = l0; l < l1; ++l) {
-          const double d = row[l];
-          a1[l] += yi[l] ? d : 0.0;
-          a0[l] += yi[l] ? 0.0 : d;
-        }
-        for (int l = l0; l < l1; ++l) {
-          const double d = row[l];
-          b1[l] -= yi[l] ? d : 0.0;
-          b0[l] -= yi[l] ? 0.0 : d;
+          const double d = row[l - l0];
+          const uint8_t y = yi[l - l0];
+          a1[l] += y ? d : 0.0;
+          a0[l] += y ? 0.0 : d;
+          b1[l] -= y ? d : 0.0;
+          b0[l] -= y ? 0.0 : d;
         }
       }
       if (ci >= nc || cand[ci] != p) continue;
