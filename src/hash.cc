@@ -185,8 +185,8 @@ void Hash_Lookup_Batch(hash_table* table, const hash_key_ref* keys, size_t n,
   // bucket of a key some way ahead and the chain head of a nearer one are
   // requested before each lookup, so that several requests are in flight.
   // Growth in between only makes an early request useless.
-  constexpr size_t kBucketAhead = 16;
-  constexpr size_t kHeadAhead = 8;
+  constexpr size_t kBucketAhead = 32;
+  constexpr size_t kHeadAhead = 16;
   constexpr size_t kSecondAhead = 4;
   for (size_t i = 0; i < n && i < kBucketAhead; ++i)
     __builtin_prefetch(&table->buckets[bucket_of(keys[i].hash, table->size_index)]);
