@@ -95,7 +95,14 @@ std::vector<int> slot_expert_all;    // slot -> representative expert
 std::vector<long> work_prefix_all;   // per block: slot -> cumulative list length
 // The current block's views of the arrays above.
 const int* slot_of = nullptr;
-const int* slot_expert = nullptr;
+// What the sums need of each slot's list, kept apart from the expert records.
+struct Slot_List {
+  const int* list;
+  int length;
+  int seg_begin, seg_end;  // band segments (long lists), see seg_first
+};
+std::vector<Slot_List> slot_list_all;
+const Slot_List* slot_list = nullptr;
 const long* work_prefix = nullptr;
 std::vector<double> sums;        // slot -> 2k sums [A0 | A1]
 std::vector<double> bound;       // slot -> lower bound of the score
@@ -168,7 +175,9 @@ void ensure_block_storage(int k) {
 // vector version adds under the label masks: a lane that is masked off is
 // left untouched, so both versions give the same bits.
 void add_split_plain(double* __restrict a0, double* __restrict a1, const double* __restrict rows,
-                     const int* __restrict list, int n, int /*avail*/, int k) {
+                     const int* __restrict list, int n, int /*avail*/, int k, bool fresh) {
+  if (fresh)
+    for (int l = 0; l < k; ++l) a0[l] = a1[l] = 0.0;
   const uint8_t* y = label_rows.data();
   for (int j = 0; j < n; ++j) {
     const size_t i = static_cast<size_t>(list[j]);
@@ -193,15 +202,15 @@ template <int V>
 __attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_pass(
     double* __restrict a0, double* __restrict a1, const double* __restrict rows,
     const uint8_t* __restrict absent, int groups, const int* __restrict list, int n, int avail,
-    int k, int c, int c1) {
+    int k, int c, int c1, bool fresh) {
   __mmask8 lanes[V];
   __m512d s0[V], s1[V];
 #pragma GCC unroll 16
   for (int v = 0; v < V; ++v) {
     const int left = c1 - (c + 8 * v);
     lanes[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
-    s0[v] = _mm512_maskz_loadu_pd(lanes[v], a0 + c + 8 * v);
-    s1[v] = _mm512_maskz_loadu_pd(lanes[v], a1 + c + 8 * v);
+    s0[v] = fresh ? _mm512_setzero_pd() : _mm512_maskz_loadu_pd(lanes[v], a0 + c + 8 * v);
+    s1[v] = fresh ? _mm512_setzero_pd() : _mm512_maskz_loadu_pd(lanes[v], a1 + c + 8 * v);
   }
   const int g0 = c / 8;
   for (int j = 0; j < n; ++j) {
@@ -233,7 +242,7 @@ __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
                                                         double* __restrict a1,
                                                         const double* __restrict rows,
                                                         const int* __restrict list, int n,
-                                                        int avail, int k) {
+                                                        int avail, int k, bool fresh) {
   const uint8_t* masks = absent_masks.data();
   // Passes of at most 64 lanes, each with exactly as many vectors as it
   // has groups of eight lanes.
@@ -242,7 +251,7 @@ __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
     switch ((end - c + 7) / 8) {
 #define MHB_PASS(V) \
   case V:           \
-    add_split_avx512_pass<V>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, end); \
+    add_split_avx512_pass<V>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, end, fresh); \
     break;
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
       MHB_PASS(8)
@@ -251,8 +260,9 @@ __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
   }
 }
 
+// fresh: the sums start from zero rather than from what a0/a1 hold.
 using add_split_fn = void (*)(double* __restrict, double* __restrict, const double* __restrict,
-                              const int* __restrict, int, int, int);
+                              const int* __restrict, int, int, int, bool);
 add_split_fn add_split = add_split_plain;
 
 // The totals' walk through a block: for every expert j in order and every
@@ -444,16 +454,16 @@ void sum_slots(int s0, int s1, int k) {
   longs.clear();
   size_t long_pieces = 0;
   for (int s = s0; s < s1; ++s) {
-    const int e = slot_expert[s];
-    const text_expert_rec& x = experts[e];
-    double* a0 = &sums[s * two_k];
-    for (size_t c = 0; c < two_k; ++c) a0[c] = 0.0;
-    if (seg_first[e + 1] > seg_first[e]) {
+    const Slot_List& sl = slot_list[s];
+    if (sl.seg_end > sl.seg_begin) {
+      double* a0 = &sums[s * two_k];
+      for (size_t c = 0; c < two_k; ++c) a0[c] = 0.0;
       longs.push_back(s);
-      long_pieces += seg_first[e + 1] - seg_first[e];
-    } else if (x.num_train > 0) {
-      pieces.push_back(Piece{s, static_cast<int>(flat.size()), x.num_train});
-      flat.insert(flat.end(), x.train_index, x.train_index + x.num_train);
+      long_pieces += sl.seg_end - sl.seg_begin;
+    } else {
+      // A short list is one piece: its sums start from zero in the kernel.
+      pieces.push_back(Piece{s, static_cast<int>(flat.size()), sl.length});
+      flat.insert(flat.end(), sl.list, sl.list + sl.length);
     }
   }
   if (!longs.empty()) {
@@ -463,32 +473,33 @@ void sum_slots(int s0, int s1, int k) {
     thread_local std::vector<int> start;
     thread_local std::vector<Piece> by_band;
     start.assign(nbands + 1, 0);
-    for (int s : longs) {
-      const int e = slot_expert[s];
-      for (int q = seg_first[e]; q < seg_first[e + 1]; ++q) ++start[seg_band[q] + 1];
-    }
+    for (int s : longs)
+      for (int q = slot_list[s].seg_begin; q < slot_list[s].seg_end; ++q) ++start[seg_band[q] + 1];
     for (int b = 0; b < nbands; ++b) start[b + 1] += start[b];
     by_band.resize(long_pieces);
     for (int s : longs) {
-      const int e = slot_expert[s];
-      const int last = seg_first[e + 1] - 1;
-      for (int q = seg_first[e]; q <= last; ++q) {
-        const int end = q < last ? seg_pos[q + 1] : experts[e].num_train;
+      const Slot_List& sl = slot_list[s];
+      const int last = sl.seg_end - 1;
+      for (int q = sl.seg_begin; q <= last; ++q) {
+        const int end = q < last ? seg_pos[q + 1] : sl.length;
         // offset holds the list position until the copy below.
         by_band[start[seg_band[q]]++] = Piece{s, seg_pos[q], end - seg_pos[q]};
       }
     }
     for (Piece p : by_band) {
-      const int* list = experts[slot_expert[p.slot]].train_index + p.offset;
+      const int* list = slot_list[p.slot].list + p.offset;
       p.offset = static_cast<int>(flat.size());
       pieces.push_back(p);
       flat.insert(flat.end(), list, list + p.length);
     }
   }
   const int total = static_cast<int>(flat.size());
-  for (const Piece& p : pieces) {
+  const size_t shorts = pieces.size() - long_pieces;
+  for (size_t q = 0; q < pieces.size(); ++q) {
+    const Piece& p = pieces[q];
     double* a0 = &sums[p.slot * two_k];
-    add_split(a0, a0 + k, weight_rows, flat.data() + p.offset, p.length, total - p.offset, k);
+    add_split(a0, a0 + k, weight_rows, flat.data() + p.offset, p.length, total - p.offset, k,
+              q < shorts);
   }
 }
 
@@ -520,6 +531,7 @@ void lay_out_blocks() {
   term_blocks.clear();
   slot_of_all.assign(num_experts, 0);
   slot_expert_all.clear();
+  slot_list_all.clear();
   work_prefix_all.clear();
   int e = 0;
   while (e < num_experts) {
@@ -539,6 +551,8 @@ void lay_out_blocks() {
       } else {
         slot_of_all[j] = blk.nslots++;
         slot_expert_all.push_back(j);
+        slot_list_all.push_back(
+            Slot_List{experts[j].train_index, experts[j].num_train, seg_first[j], seg_first[j + 1]});
       }
     }
     long work = 0;
@@ -700,7 +714,7 @@ void for_slot_ranges(int nslots, const Fn& fn) {
 
   const Term_Block& blk = term_blocks[block];
   slot_of = &slot_of_all[b];
-  slot_expert = &slot_expert_all[blk.slot_base];
+  slot_list = &slot_list_all[blk.slot_base];
   work_prefix = &work_prefix_all[blk.prefix_base];
   const int nslots = blk.nslots;
   for_slot_ranges(nslots, [&](int s0, int s1) { sum_slots(s0, s1, k); });
@@ -999,7 +1013,7 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
       // Term experts: each distinct list summed and scored once.
       const Term_Block& blk = term_blocks[step.block];
       slot_of = &slot_of_all[step.b];
-      slot_expert = &slot_expert_all[blk.slot_base];
+      slot_list = &slot_list_all[blk.slot_base];
       work_prefix = &work_prefix_all[blk.prefix_base];
       for_slot_ranges(blk.nslots, [&](int s0, int s1) { sum_slots(s0, s1, k); });
       pool->Run(blk.nslots, [&](int s0, int s1, int) {
