@@ -245,6 +245,14 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
     } else if (nv == kText || nv == kScoredText) {
       char* value = x->values[j].text;
       if (value == nullptr) continue;
+      const int pj = prefix ? j : -1;
+      // Sparse terms of a plain text straight from its words, when the text
+      // is one the shortcut takes.
+      if (sparse && nv == kText &&
+          For_Each_Sparse_Term(value, src.window, [&](const char* term, size_t length) {
+            f(pj, term, length, kKeyText, 0.0);
+          }))
+        continue;
       const bool scored = nv == kScoredText;
       const bool want = scored && src.fscore != nullptr;
       char** scores = nullptr;
@@ -263,7 +271,6 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
       // belong to us; sparse ones live in the enumerator's buffers.
       const bool owned = scored && !sparse;
       const key_kind kind = scored ? kKeyScored : kKeyText;
-      const int pj = prefix ? j : -1;
       for (char* term; (term = src.expand(value, src.window, nv, scores, want)) != nullptr;) {
         double v = want ? static_cast<double>(src.fscore(scores)) : 0.0;
         f(pj, term, src.known ? Last_Term_Length() : strlen(term), kind, v);

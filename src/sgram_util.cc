@@ -52,8 +52,6 @@ size_t last_length = 0;
 // Next_Sparse_Ngram: 1 when the next call starts a new text.
 int first = 1;
 
-// The masks of a window are counted in 64 bits.
-constexpr int kMaxSparseWindow = 62;
 
 // Work buffers that grow on demand. The padded text must hold every text the
 // length check accepts plus 2W (or 4W) bytes of padding and the NUL; a sparse
@@ -345,3 +343,30 @@ char* Next_Sparse_Ngram(char* text, int W, int type, char** scores,
 }
 
 size_t Last_Term_Length() { return last_length; }
+
+namespace sparse_terms_detail {
+
+text_words& Scratch() {
+  static text_words w;
+  return w;
+}
+
+bool Split_Words(const char* text, size_t len, text_words& w) {
+  w.start.clear();
+  w.length.clear();
+  w.star.clear();
+  if (len == 0 || text[0] == ' ' || text[len - 1] != ' ') return false;
+  const char* p = text;
+  const char* const end = text + len;
+  while (p < end) {
+    const char* b = static_cast<const char*>(memchr(p, ' ', static_cast<size_t>(end - p)));
+    if (b == p) return false;  // two blanks in a row: an empty word
+    w.start.push_back(static_cast<int>(p - text));
+    w.length.push_back(static_cast<int>(b - p));
+    w.star.push_back(memchr(p, '*', static_cast<size_t>(b - p)) != nullptr);
+    p = b + 1;
+  }
+  return true;
+}
+
+}  // namespace sparse_terms_detail

@@ -6,6 +6,9 @@
 #define MHBOOST_SGRAM_UTIL_H_
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
 
 /// Signature shared by all enumerators so that any can be chosen by -N.
 /// `type` is kText or kScoredText; `scores` has room for W + 1 pointers.
@@ -30,5 +33,90 @@ size_t Last_Term_Length();
 /// Texts of this length or more are refused by the sparse enumerator
 /// (besides the 2W padding allowance).
 constexpr int kSparseBufferSize = 262144;
+/// Longest window of the sparse enumerator (its masks are 64-bit).
+constexpr int kMaxSparseWindow = 62;
+
+namespace sparse_terms_detail {
+// The words of one text in the reader's form, and room to write a term.
+struct text_words {
+  std::vector<int> start;
+  std::vector<int> length;
+  std::vector<unsigned char> star;  // the word holds a "*"
+  std::vector<char> term;
+};
+text_words& Scratch();
+/// Fills `w` with the words of text[0..len) and returns true when the text
+/// is in the reader's form: no leading blank, every word followed by
+/// exactly one blank.
+bool Split_Words(const char* text, size_t len, text_words& w);
+}  // namespace sparse_terms_detail
+
+/// Calls emit(term, length) for each term that Next_Sparse_Ngram gives for
+/// the value `text` of a text attribute (no scores) with window W, in the
+/// same order, with the same bytes. Each window's words are found once and
+/// every term is written straight from them, with none of the enumerator's
+/// per-term state. Returns false, having emitted nothing, for a text that is
+/// not in the reader's form or that the enumerator would refuse: such a
+/// text is left to the enumerator.
+template <class Emit>
+bool For_Each_Sparse_Term(const char* text, int W, Emit&& emit) {
+  if (W < 1) return true;
+  if (W > kMaxSparseWindow) return false;
+  const size_t len = strlen(text);
+  if (len <= 1) return true;  // an empty value has no terms
+  if (static_cast<long long>(len) >= 2LL * W + static_cast<long long>(kSparseBufferSize) + 1)
+    return false;
+  sparse_terms_detail::text_words& w = sparse_terms_detail::Scratch();
+  if (!sparse_terms_detail::Split_Words(text, len, w)) return false;
+  const int n = static_cast<int>(w.start.size());
+  if (w.term.size() < len + 2 * static_cast<size_t>(W) + 2) w.term.resize(len + 2 * W + 2);
+  char* const buf = w.term.data();
+  const uint64_t masks = uint64_t{1} << W;
+  // Windows start at every word and once behind the last (the enumerator
+  // pads the text with W words "*"); a term that keeps a "*" word, or a
+  // word holding a "*", is not given.
+  for (int i = 0; i <= n; ++i) {
+    uint64_t star = 0;
+    for (int p = 0; p < W; ++p)
+      if (i + p >= n || w.star[static_cast<size_t>(i + p)]) star |= uint64_t{1} << p;
+    for (uint64_t mask = 0; mask < masks; mask += 2) {
+      if ((star & ~mask) != 0) continue;
+      // Up to the last real word: the wildcards after it would be trimmed.
+      int last = W - 1;
+      while (last > 0 && ((mask >> last) & 1)) --last;
+      char* out = buf;
+      for (int p = 0; p <= last;) {
+        if ((mask >> p) & 1) {
+          *out++ = '?';
+          *out++ = ' ';
+          ++p;
+          continue;
+        }
+        int q = p;
+        while (q < last && !((mask >> (q + 1)) & 1)) ++q;
+        // Words p..q with the blank behind each, as the text holds them.
+        const size_t from = static_cast<size_t>(w.start[static_cast<size_t>(i + p)]);
+        const size_t to = static_cast<size_t>(w.start[static_cast<size_t>(i + q)] +
+                                              w.length[static_cast<size_t>(i + q)]) + 1;
+        memcpy(out, text + from, to - from);
+        out += to - from;
+        p = q + 1;
+      }
+      // Wildcards and blanks are trimmed from both ends, character by
+      // character, and one blank is put back behind the last word.
+      char* s = buf;
+      while (s < out && (*s == '?' || *s == ' ')) ++s;
+      if (s == out) {
+        emit(" ", size_t{1});
+        continue;
+      }
+      char* e = out - 1;
+      while (e > s && (*e == '?' || *e == ' ')) --e;
+      e[1] = ' ';
+      emit(static_cast<const char*>(s), static_cast<size_t>(e + 2 - s));
+    }
+  }
+  return true;
+}
 
 #endif  // MHBOOST_SGRAM_UTIL_H_

@@ -259,4 +259,43 @@ TEST(RsortTest, FollowsTheSeed) {
   EXPECT_EQ(random(), expected);
 }
 
+// Expert creation takes the sparse terms of a plain text from a shortcut
+// that must give exactly what the enumerator gives: same terms, same order.
+// Words are drawn from a set that exercises the trimming of "?" characters
+// and the dropping of terms with "*"; texts not in the reader's form, and
+// windows the enumerator refuses, must be left to it.
+TEST(SparseTermShortcut, GivesWhatTheEnumeratorGives) {
+  const Strings words = {"a", "bb", "?", "??", "a?", "?a", "a?b", "*", "x*", "\xe9t\xe9"};
+  std::mt19937 rng(11);
+  auto enumerate = [](const std::string& text, int w) {
+    std::vector<char> buf(text.begin(), text.end());
+    buf.push_back('\0');
+    Strings out;
+    for (char* t; (t = Next_Sparse_Ngram(buf.data(), w, kText, nullptr, 0)) != nullptr;)
+      out.emplace_back(t);
+    return out;
+  };
+  auto shortcut = [](const std::string& text, int w, Strings& out) {
+    return For_Each_Sparse_Term(text.c_str(), w, [&](const char* t, size_t n) {
+      out.emplace_back(t, n);
+    });
+  };
+  for (int round = 0; round < 600; ++round) {
+    std::string text;
+    const int n = static_cast<int>(rng() % 7);
+    for (int i = 0; i < n; ++i) text += words[rng() % words.size()] + " ";
+    const int w = 1 + static_cast<int>(rng() % 7);
+    Strings got;
+    ASSERT_TRUE(shortcut(text, w, got)) << text;
+    ASSERT_EQ(got, enumerate(text, w)) << "text '" << text << "' W " << w;
+  }
+  Strings none;
+  for (const char* text : {" a ", "a  b ", "a b"}) EXPECT_FALSE(shortcut(text, 3, none)) << text;
+  EXPECT_FALSE(shortcut("a b ", kMaxSparseWindow + 1, none));
+  EXPECT_TRUE(none.empty());
+  Strings wide;
+  ASSERT_TRUE(shortcut("p q r ", 12, wide));
+  EXPECT_EQ(wide, enumerate("p q r ", 12));
+}
+
 }  // namespace
