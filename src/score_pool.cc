@@ -59,11 +59,12 @@ Fork_Join_Pool* pool = nullptr;
 
 // Label bytes of all training examples, m rows of k, 0 or 1.
 std::vector<uint8_t> label_rows;
-// The labels of each example as bit masks, one byte per group of eight
-// labels: bit b of absent byte g is set when the example lacks label
-// 8g + b (bits beyond the last label are clear).
-std::vector<uint8_t> absent_masks;
-int mask_groups = 0;
+// The labels of each example as bit masks of 64 labels: bit b of word w of
+// example i is set in absent_words when the example lacks label 64w + b, in
+// carried_words when it carries it (bits beyond the last label are clear in
+// both).
+std::vector<uint64_t> absent_words, carried_words;
+int mask_words = 0;
 // Per round: the weights of the labels an example does not carry.
 // Per round: a copy of the weights. Rows are read at random, so the copy
 // sits on huge pages where the system offers them, and a row rarely misses
@@ -201,7 +202,8 @@ void add_split_plain(double* __restrict a0, double* __restrict a1, const double*
 template <int V>
 __attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_pass(
     double* __restrict a0, double* __restrict a1, const double* __restrict rows,
-    const uint8_t* __restrict absent, int groups, const int* __restrict list, int n, int avail,
+    const uint64_t* __restrict absent, const uint64_t* __restrict carried, int groups,
+    const int* __restrict list, int n, int avail,
     int k, int c, int c1, bool fresh) {
   __mmask8 lanes[V];
   __m512d s0[V], s1[V];
@@ -212,7 +214,7 @@ __attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_p
     s0[v] = fresh ? _mm512_setzero_pd() : _mm512_maskz_loadu_pd(lanes[v], a0 + c + 8 * v);
     s1[v] = fresh ? _mm512_setzero_pd() : _mm512_maskz_loadu_pd(lanes[v], a1 + c + 8 * v);
   }
-  const int g0 = c / 8;
+  const int w = c / 64;
   for (int j = 0; j < n; ++j) {
     const size_t i = static_cast<size_t>(list[j]);
     if (j + 8 < avail) {
@@ -221,12 +223,13 @@ __attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_p
       for (int line = 0; line < V * 64; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
     }
     const double* row = rows + i * k;
-    const uint8_t* am = absent + i * groups + g0;
+    const uint64_t am = absent[i * groups + w];
+    const uint64_t pm = carried[i * groups + w];
 #pragma GCC unroll 16
     for (int v = 0; v < V; ++v) {
       const __m512d r = _mm512_maskz_loadu_pd(lanes[v], row + c + 8 * v);
-      const __mmask8 neg = static_cast<__mmask8>(lanes[v] & am[v]);
-      const __mmask8 pos = static_cast<__mmask8>(lanes[v] & ~am[v]);
+      const __mmask8 neg = static_cast<__mmask8>(am >> (8 * v));
+      const __mmask8 pos = static_cast<__mmask8>(pm >> (8 * v));
       s0[v] = _mm512_mask_add_pd(s0[v], neg, s0[v], r);
       s1[v] = _mm512_mask_add_pd(s1[v], pos, s1[v], r);
     }
@@ -243,7 +246,8 @@ __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
                                                         const double* __restrict rows,
                                                         const int* __restrict list, int n,
                                                         int avail, int k, bool fresh) {
-  const uint8_t* masks = absent_masks.data();
+  const uint64_t* absent = absent_words.data();
+  const uint64_t* carried = carried_words.data();
   // Passes of at most 64 lanes, each with exactly as many vectors as it
   // has groups of eight lanes.
   for (int c = 0; c < k; c += 64) {
@@ -251,7 +255,8 @@ __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
     switch ((end - c + 7) / 8) {
 #define MHB_PASS(V) \
   case V:           \
-    add_split_avx512_pass<V>(a0, a1, rows, masks, mask_groups, list, n, avail, k, c, end, fresh); \
+    add_split_avx512_pass<V>(a0, a1, rows, absent, carried, mask_words, list, n, avail, k, c, end, \
+                             fresh);                                                             \
     break;
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
       MHB_PASS(8)
@@ -873,17 +878,18 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   label_rows.assign(static_cast<size_t>(m) * k, 0);
   for (int i = 0; i < m; ++i)
     for (int l = 0; l < k; ++l) label_rows[static_cast<size_t>(i) * k + l] = d->train_labels[i][l] ? 1 : 0;
-  mask_groups = (k + 7) / 8;
-  // Padded so that a pass over eight groups never reads past the end.
-  absent_masks.assign(static_cast<size_t>(m) * mask_groups + 8, 0);
-  for (int i = 0; i < m; ++i) {
-    for (int g = 0; g < mask_groups; ++g) {
-      uint8_t absent = 0;
-      for (int b = 0; b < 8 && 8 * g + b < k; ++b)
-        if (!d->train_labels[i][8 * g + b]) absent |= static_cast<uint8_t>(1u << b);
-      absent_masks[static_cast<size_t>(i) * mask_groups + g] = absent;
+  mask_words = (k + 63) / 64;
+  absent_words.assign(static_cast<size_t>(m) * mask_words, 0);
+  carried_words.assign(static_cast<size_t>(m) * mask_words, 0);
+  for (int i = 0; i < m; ++i)
+    for (int l = 0; l < k; ++l) {
+      const uint64_t bit = uint64_t{1} << (l % 64);
+      const size_t at = static_cast<size_t>(i) * mask_words + l / 64;
+      if (d->train_labels[i][l])
+        carried_words[at] |= bit;
+      else
+        absent_words[at] |= bit;
     }
-  }
   find_twins();
   find_band_segments();
   lay_out_blocks();
