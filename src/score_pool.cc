@@ -112,6 +112,10 @@ std::vector<uint8_t> candidate;  // expert in block -> needs an exact score
 std::vector<long double> scores; // expert in block -> exact score
 std::vector<int> copy_of;        // expert in block -> earlier expert with same score, or -1
 
+// The rows and label bytes of a threshold expert's examples in value order.
+std::vector<double> sorted_rows;
+std::vector<uint8_t> sorted_labels;
+
 // Per-thread working tables for scoring functions called from threads.
 struct Thread_Table {
   double* w[3][2];
@@ -609,36 +613,38 @@ void for_slot_ranges(int nslots, const Fn& fn) {
     if (p == -1 || p == n - 1 || v[p + 1] != v[p]) cand.push_back(p);
   const size_t nc = cand.size();
   std::vector<double> terms(nc * k);
+  // The rows in value order, gathered once on all threads so that the
+  // label sweeps below read them one after the other.
   const size_t ku = static_cast<size_t>(k);
+  const size_t w = ku;
+  if (sorted_rows.size() < static_cast<size_t>(n) * ku) {
+    sorted_rows.resize(static_cast<size_t>(n) * ku);
+    sorted_labels.resize(static_cast<size_t>(n) * ku);
+  }
+  pool->Run(n, [&](int j0, int j1, int) {
+    for (int j = j0; j < j1; ++j) {
+      if (j + 8 < j1) {
+        const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + 8]) * ku);
+        for (size_t q = 0; q < ku * sizeof(double); q += 64) _mm_prefetch(ahead + q, _MM_HINT_T0);
+      }
+      const size_t i = static_cast<size_t>(order[j]);
+      memcpy(&sorted_rows[j * ku], D + i * ku, sizeof(double) * ku);
+      memcpy(&sorted_labels[j * ku], &label_rows[i * ku], ku);
+    }
+  });
+  const double* rows = sorted_rows.data();
+  const uint8_t* ys = sorted_labels.data();
   pool->Run(k, [&](int l0, int l1, int) {
     double* t0 = W[0][0];
     double* t1 = W[0][1];
     double *a0 = W[1][0], *a1 = W[1][1], *b0 = W[2][0], *b1 = W[2][1];
     for (int l = l0; l < l1; ++l) a0[l] = a1[l] = b0[l] = b1[l] = 0.0;
-    // This thread's labels of the rows in value order, gathered while all
-    // examples go into region 2, so that the sweep reads them in sequence.
-    const size_t w = static_cast<size_t>(l1 - l0);
-    thread_local std::vector<double> rows;
-    thread_local std::vector<uint8_t> ys;
-    rows.resize(static_cast<size_t>(n) * w);
-    ys.resize(static_cast<size_t>(n) * w);
     for (int j = 0; j < n; ++j) {
-      if (j + 8 < n) {
-        const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + 8]) * ku + l0);
-        for (size_t q = 0; q < w * sizeof(double); q += 64) _mm_prefetch(ahead + q, _MM_HINT_T0);
-      }
-      const size_t i = static_cast<size_t>(order[j]);
-      const double* src = D + i * ku + l0;
-      const uint8_t* ysrc = &label_rows[i * ku + l0];
-      double* row = &rows[j * w];
-      uint8_t* yi = &ys[j * w];
+      const double* row = &rows[j * w];
+      const uint8_t* yi = &ys[j * w];
       for (int l = l0; l < l1; ++l) {
-        const double d = src[l - l0];
-        const uint8_t y = ysrc[l - l0];
-        row[l - l0] = d;
-        yi[l - l0] = y;
-        b1[l] += y ? d : 0.0;
-        b0[l] += y ? 0.0 : d;
+        b1[l] += yi[l] ? row[l] : 0.0;
+        b0[l] += yi[l] ? 0.0 : row[l];
       }
     }
     size_t ci = 0;
@@ -647,8 +653,8 @@ void for_slot_ranges(int nslots, const Fn& fn) {
         const double* row = &rows[p * w];
         const uint8_t* yi = &ys[p * w];
         for (int l = l0; l < l1; ++l) {
-          const double d = row[l - l0];
-          const uint8_t y = yi[l - l0];
+          const double d = row[l];
+          const uint8_t y = yi[l];
           a1[l] += y ? d : 0.0;
           a0[l] += y ? 0.0 : d;
           b1[l] -= y ? d : 0.0;
@@ -671,13 +677,21 @@ void for_slot_ranges(int nslots, const Fn& fn) {
       ++ci;
     }
   });
+  // Each candidate's terms summed in label order (candidates in parallel),
+  // then the first smallest score in position order.
+  std::vector<long double> score(nc);
+  pool->Run(static_cast<int>(nc), [&](int c0, int c1, int) {
+    for (int ci = c0; ci < c1; ++ci) {
+      long double sum = 0;
+      for (int l = 0; l < k; ++l) sum += terms[static_cast<size_t>(ci) * k + l];
+      score[ci] = sum;
+    }
+  });
   long double best = DBL_MAX;
   int best_p = -1;
   for (size_t ci = 0; ci < nc; ++ci) {
-    long double score = 0;
-    for (int l = 0; l < k; ++l) score += terms[ci * k + l];
-    if (score < best) {
-      best = score;
+    if (score[ci] < best) {
+      best = score[ci];
       best_p = cand[ci];
     }
   }
