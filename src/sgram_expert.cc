@@ -63,6 +63,12 @@ void reset_infos() {
   info_count = 0;
 }
 
+// Frees the records of the last collection, once nothing points at them.
+void release_infos() {
+  for (expert_hash_info* chunk : info_chunks) free(chunk);
+  reset_infos();
+}
+
 expert_hash_info* info_at(int i) {
   return &info_chunks[static_cast<size_t>(i / kInfoChunk)][i % kInfoChunk];
 }
@@ -217,10 +223,11 @@ struct key_source {
 // per word of the longest term, plus the null).
 std::vector<char*> score_buf;
 
-// Calls f(j, term, length, kind, value) for every key of example x,
+// Calls f(j, term, length, kind, value, hash) for every key of example x,
 // attribute by attribute, as expert creation and test indexing see them:
 // the key is the prefix of attribute j followed by the term's bytes, or the
-// term alone when j is -1. With class_first_pass, only a continuous first
+// term alone when j is -1; hash points at the key's hash when it is known
+// already, else it is null. With class_first_pass, only a continuous first
 // attribute gives its key (missing or not), alongside the discrete and text
 // keys: the one-class collection numbers its keys this way.
 template <class F>
@@ -232,16 +239,16 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
     const attribute_info& a = names->attributes[j];
     const int nv = a.num_values;
     if (class_first_pass && nv == kContinuous) {
-      if (j == 0) f(j, "", 0, kKeyContinuous, 0.0);
+      if (j == 0) f(j, "", 0, kKeyContinuous, 0.0, nullptr);
       continue;
     }
     if (x->is_unknown[j]) continue;
     if (nv > 0) {
       char digits[24];
       itostr(static_cast<int>(x->values[j].index), digits);
-      f(j, digits, strlen(digits), kKeyDiscrete, 0.0);
+      f(j, digits, strlen(digits), kKeyDiscrete, 0.0, nullptr);
     } else if (nv == kContinuous) {
-      f(j, "", 0, kKeyContinuous, x->values[j].real);
+      f(j, "", 0, kKeyContinuous, x->values[j].real, nullptr);
     } else if (nv == kText || nv == kScoredText) {
       char* value = x->values[j].text;
       if (value == nullptr) continue;
@@ -249,9 +256,10 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
       // Sparse terms of a plain text straight from its words, when the text
       // is one the shortcut takes.
       if (sparse && nv == kText &&
-          For_Each_Sparse_Term(value, src.window, [&](const char* term, size_t length) {
-            f(pj, term, length, kKeyText, 0.0);
-          }))
+          For_Each_Sparse_Term(value, src.window, pj < 0 ? 0 : src.prefix_hash[static_cast<size_t>(j)],
+                               [&](const char* term, size_t length, uint32_t hash) {
+                                 f(pj, term, length, kKeyText, 0.0, &hash);
+                               }))
         continue;
       const bool scored = nv == kScoredText;
       const bool want = scored && src.fscore != nullptr;
@@ -273,7 +281,7 @@ void for_each_key(example* x, const key_source& src, bool class_first_pass, F&& 
       const key_kind kind = scored ? kKeyScored : kKeyText;
       for (char* term; (term = src.expand(value, src.window, nv, scores, want)) != nullptr;) {
         double v = want ? static_cast<double>(src.fscore(scores)) : 0.0;
-        f(pj, term, src.known ? Last_Term_Length() : strlen(term), kind, v);
+        f(pj, term, src.known ? Last_Term_Length() : strlen(term), kind, v, nullptr);
         if (owned) {
           free(term);
           if (want) {
@@ -298,10 +306,8 @@ struct key_batch {
   char* bytes = nullptr;
   size_t used = 0;
   size_t capacity = 0;
+  std::vector<hash_key_ref> refs;   // per key; pointer set before lookup
   std::vector<size_t> offsets;      // per key, its start in bytes
-  std::vector<hash_key_ref> refs;   // per key; pointer and hash set before lookup
-  std::vector<uint32_t> prefix_hash;  // per key, the hash of its prefix
-  std::vector<uint32_t> prefix_length;
   std::vector<uint8_t> kinds;       // per key, its key_kind
   std::vector<double> values;       // per key, its value (0 for plain keys)
   std::vector<int> examples;        // the examples gathered
@@ -310,18 +316,17 @@ struct key_batch {
 
   void clear() {
     used = 0;
-    offsets.clear();
     refs.clear();
-    prefix_hash.clear();
-    prefix_length.clear();
+    offsets.clear();
     kinds.clear();
     values.clear();
     examples.clear();
     ends.clear();
   }
-  // The key `prefix` + term[0..length) whose prefix hashes to hash0.
+  // The key `prefix` + term[0..length), whose prefix hashes to hash0; with
+  // `hash` null its hash is computed here.
   void add(const std::string* prefix, uint32_t hash0, const char* term,
-           size_t length, key_kind kind, double v) {
+           size_t length, key_kind kind, double v, const uint32_t* hash) {
     const size_t plen = prefix != nullptr ? prefix->size() : 0;
     const size_t total = plen + length;
     if (total > UINT32_MAX) fatal("key too long for the symbol table");
@@ -336,66 +341,17 @@ struct key_batch {
     char* out = bytes + used;
     if (plen != 0) memcpy(out, prefix->data(), plen);
     memcpy(out + plen, term, length);
+    const uint32_t h = hash != nullptr ? *hash
+                                       : Hash_Key_Extend(prefix != nullptr ? hash0 : 0, term, length);
     offsets.push_back(used);
     used += total;
-    refs.push_back(hash_key_ref{nullptr, static_cast<uint32_t>(total), 0});
-    prefix_hash.push_back(prefix != nullptr ? hash0 : 0);
-    prefix_length.push_back(static_cast<uint32_t>(plen));
+    refs.push_back(hash_key_ref{nullptr, static_cast<uint32_t>(total), h});
     kinds.push_back(static_cast<uint8_t>(kind));
     values.push_back(v);
   }
-
-  // Sets every key's pointer and hash. The hash of one key is a chain of
-  // dependent multiplications, so four keys are hashed side by side, each
-  // lane taking the next key as soon as it is through with one.
+  // Points every key at its bytes, which no longer move.
   void finish() {
-    const size_t n = refs.size();
-    for (size_t i = 0; i < n; ++i) refs[i].key = bytes + offsets[i];
-    struct lane {
-      const char* p;
-      const char* end;
-      uint32_t h;
-      size_t key;
-    };
-    size_t next = 0;
-    auto load = [&](lane& l) {
-      l.key = next++;
-      l.p = refs[l.key].key + prefix_length[l.key];
-      l.end = refs[l.key].key + refs[l.key].length;
-      l.h = prefix_hash[l.key];
-    };
-    // One byte of a lane; false once its key is done and no key is left.
-    auto step = [&](lane& l) {
-      if (l.p != l.end) {
-        l.h = Hash_Key_Extend(l.h, l.p++, 1);
-        return true;
-      }
-      refs[l.key].hash = l.h;
-      if (next == n) return false;
-      load(l);
-      return true;
-    };
-    if (n >= 4) {
-      lane l0, l1, l2, l3;
-      load(l0);
-      load(l1);
-      load(l2);
-      load(l3);
-      for (;;) {
-        const bool a0 = step(l0), a1 = step(l1), a2 = step(l2), a3 = step(l3);
-        if (!(a0 && a1 && a2 && a3)) {
-          // The lanes still busy finish their keys one by one.
-          if (a0) refs[l0.key].hash = Hash_Key_Extend(l0.h, l0.p, static_cast<size_t>(l0.end - l0.p));
-          if (a1) refs[l1.key].hash = Hash_Key_Extend(l1.h, l1.p, static_cast<size_t>(l1.end - l1.p));
-          if (a2) refs[l2.key].hash = Hash_Key_Extend(l2.h, l2.p, static_cast<size_t>(l2.end - l2.p));
-          if (a3) refs[l3.key].hash = Hash_Key_Extend(l3.h, l3.p, static_cast<size_t>(l3.end - l3.p));
-          break;
-        }
-      }
-    }
-    for (; next < n; ++next)
-      refs[next].hash = Hash_Key_Extend(prefix_hash[next], refs[next].key + prefix_length[next],
-                                        refs[next].length - prefix_length[next]);
+    for (size_t i = 0; i < refs.size(); ++i) refs[i].key = bytes + offsets[i];
   }
 };
 
@@ -434,13 +390,14 @@ void scan_keys(example** examples, int n, const key_source& src, bool class_firs
   for (int e = 0; e < n; ++e) {
     if (!take(e)) continue;
     for_each_key(examples[e], src, class_first_pass,
-                 [&](int j, const char* term, size_t length, key_kind kind, double v) {
+                 [&](int j, const char* term, size_t length, key_kind kind, double v,
+                     const uint32_t* hash) {
                    if (j < 0)
-                     batch.add(nullptr, 0, term, length, kind, v);
+                     batch.add(nullptr, 0, term, length, kind, v, hash);
                    else
                      batch.add(&src.prefix[static_cast<size_t>(j)],
                                src.prefix_hash[static_cast<size_t>(j)], term, length,
-                               kind, v);
+                               kind, v, hash);
                  });
     batch.examples.push_back(e);
     batch.ends.push_back(batch.refs.size());
@@ -663,6 +620,9 @@ text_expert_rec* Create_Ngram_Experts(example_data* data, term_expander expand,
   // instead of scattered reads.
   for (int i = 0; i < n; ++i) Allocate_Ngram_Expert(info_at(i));
   text_expert[n].term = nullptr;
+  // The key records have served their purpose: the table that points at
+  // them is dropped, and the records carry everything on.
+  release_infos();
 
   pair_combiner fmultiple = info->fmultiple != nullptr ? info->fmultiple : max;
   const int valued_type = info->flag_L ? kTypeLinear : kTypeThreshold;

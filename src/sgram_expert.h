@@ -77,8 +77,9 @@ void Index_Test_Instances(hash_table* table, example_data* data,
 void rsort(double* keys, int* a, int* b, int n);
 text_expert_rec* Copy_Text_Expert(const text_expert_rec* expert, int num_labels);
 double* Sgram_Expert_Prediction(text_expert_rec* weak_hyp, example* x);
-/// Applied to the table's entries, lists each key and its document
-/// frequency in the last collection.
+/// Applied to the entries of a table made by Hash_Ngram_Experts (or
+/// Hash_Ngram_Experts_Class), lists each key and its document frequency.
+/// Create_Ngram_Experts releases the key records once the experts are made.
 void Print_Hashed_Info(char* key, intptr_t count);
 
 /// Number of experts built by the last Create_Ngram_Experts (without the

@@ -275,9 +275,12 @@ TEST(SparseTermShortcut, GivesWhatTheEnumeratorGives) {
       out.emplace_back(t);
     return out;
   };
+  // Each term's hash is checked as that of the key "name:" + term.
   auto shortcut = [](const std::string& text, int w, Strings& out) {
-    return For_Each_Sparse_Term(text.c_str(), w, [&](const char* t, size_t n) {
+    return For_Each_Sparse_Term(text.c_str(), w, Hash_Key("name:"), [&](const char* t, size_t n,
+                                                                         uint32_t h) {
       out.emplace_back(t, n);
+      EXPECT_EQ(h, Hash_Key(("name:" + out.back()).c_str())) << out.back();
     });
   };
   for (int round = 0; round < 600; ++round) {
