@@ -156,8 +156,10 @@ def main():
     p.append('Without `-T` mhboost scores the rules on every available core '
              '(%s here).' % meta.get('cores', '?'))
     byname = {r['name']: r for r in runs}
-    t1, t2 = byname.get('debpkg-ngram1-T1'), byname.get('debpkg-ngram1-T2')
-    if t1 and t2 and t1['status'] == t2['status'] == 'ok':
+    for stem, what in (('debpkg-ngram1', 'words'), ('debpkg-sgram3', 'sparse grams `-W 3`')):
+        t1, t2 = byname.get(stem + '-T1'), byname.get(stem + '-T2')
+        if not (t1 and t2 and t1['status'] == t2['status'] == 'ok'):
+            continue
         a, b = num(t1['per_round_s']), num(t2['per_round_s'])
         if a == a and b == b and b > 0:
             note = ''
@@ -166,9 +168,21 @@ def main():
                         'the second thread had little to run on.'
                         % (fmt(num(meta.get('other_cores')), 1),
                            meta.get('cores', '?')))
-            p.append('Threads on debpkg (words): %s s per round with `-T 1`, '
+            p.append('')
+            p.append('Threads on debpkg (%s): %s s per round with `-T 1`, '
                      '%s s with `-T 2`, a speed-up of %.2f.%s'
-                     % (seconds(a), seconds(b), a / b, note))
+                     % (what, seconds(a), seconds(b), a / b, note))
+    xgb2 = [r for r in peers.get('debpkg', []) if r['method'] == 'xgb2'] if peers else []
+    if xgb2:
+        x = num(xgb2[0]['per_round'])
+        for name, what in (('debpkg-ngram1-T2', 'words'), ('debpkg-sgram3-T2', 'sparse grams `-W 3`')):
+            r = byname.get(name)
+            if r and r['status'] == 'ok' and x == x and x > 0:
+                m = num(r['per_round_s'])
+                p.append('')
+                p.append('debpkg (%s), two threads: mhboost %s s per round against '
+                         "XGBoost's %s s on unigram features, a ratio of %.2f."
+                         % (what, seconds(m), seconds(x), x / m))
     failed = [r for r in runs if r['status'] != 'ok']
     for r in failed:
         p.append('')

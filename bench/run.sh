@@ -13,7 +13,7 @@
 #
 #   --quick          a tenth of the rounds (peers: 10 rounds instead of 100)
 #   --only LIST      configurations to run, by name or by task (stem), e.g.
-#                    --only fortunes or --only debpkg-sgram3,numeric-digits
+#                    --only fortunes or --only debpkg-sgram3-T2,numeric-digits
 #   --out DIR        where runs, logs and tables go (default bench/out/run)
 #   --corpora DIR    corpora cache (default bench/out/corpora); an existing
 #                    directory built by make_corpora.py can be reused
@@ -41,7 +41,8 @@ SYS_PYTHON=/usr/bin/python3
 CONFIGS=(
   "debpkg-ngram1-T2|debpkg|-N ngram -W 1 -T 2|200|20"
   "debpkg-ngram1-T1|debpkg|-N ngram -W 1 -T 1|200|20"
-  "debpkg-sgram3|debpkg|-W 3|50|5"
+  "debpkg-sgram3-T2|debpkg|-W 3 -T 2|50|5"
+  "debpkg-sgram3-T1|debpkg|-W 3 -T 1|50|5"
   "fortunes-ngram1|fortunes|-N ngram -W 1|200|20"
   "fortunes-ngram1-z|fortunes|-N ngram -W 1 -z|200|20"
   "fortunes-ngram1-R|fortunes|-N ngram -W 1 -R|200|20"
