@@ -169,7 +169,7 @@ void log_key(occurrence_log& log, int index, key_kind kind, double v) {
 }
 
 // Records fetched this many keys ahead in the passes over a log.
-constexpr size_t kLogAhead = 16;
+constexpr size_t kLogAhead = 32;
 
 // Document frequencies from a log: each example (stamped with its position
 // plus `base`) counts once for every key it holds. In the training set
