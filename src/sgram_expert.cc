@@ -20,6 +20,7 @@
 #include "sgram_expert.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -429,7 +430,9 @@ void Allocate_Ngram_Expert(expert_hash_info* info) {
 text_expert_rec* allocate_records(size_t count) {
   void* p = nullptr;
   const size_t bytes = sizeof(text_expert_rec) * count;
-  if (posix_memalign(&p, 64, bytes) != 0) {
+  if (int err = posix_memalign(&p, 64, bytes); err != 0) {
+    // Malloc's message: posix_memalign reports its error without errno.
+    errno = err;
     perror("Malloc");
     Exit_Run(1);
   }
