@@ -47,6 +47,9 @@
 namespace {
 
 constexpr int kBlock = 8192;
+// Threshold sweeps over fewer (example, label) pairs than this run on one
+// thread.
+constexpr long kSmallSweep = 1 << 16;
 // Relative safety margin of the lower bound (rounding and the drift of the
 // totals within one block are many orders of magnitude smaller).
 constexpr double kMargin = 1e-7;
@@ -993,7 +996,10 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
         // Thresholds and linear experts sweep the shared totals themselves.
         long double score;
         if (x->type == kTypeThreshold)
-          score = threshold_by_labels(D, x, k, W);
+          // A small sweep costs less than handing it to the threads.
+          score = static_cast<long>(x->num_train) * k < kSmallSweep
+                      ? Text_Expert_Table_Exp_Loss_Threshold(D, x, y, k, W)
+                      : threshold_by_labels(D, x, k, W);
         else
           score = Text_Expert_Table_Exp_Loss_Linear(D, x, y, k, W);
         const double s = static_cast<double>(score);
