@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "temp_dir.h"
 #include "boost.h"
 #include "optscan.h"
 #include "weak_learn.h"
@@ -25,12 +26,9 @@ namespace {
 class BoostEvalTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/boost_eval_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = tmp_.path();
     stem_ = dir_ + "/task";
   }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
 
   // Three classes, a text and a continuous attribute. Repeated texts and
   // values make examples that every hypothesis treats alike.
@@ -58,6 +56,7 @@ class BoostEvalTest : public ::testing::Test {
     data = InitializeWeakLearner(argc, argv);
   }
 
+  Temp_Dir tmp_{"boost_eval_test"};
   std::string dir_, stem_;
 };
 

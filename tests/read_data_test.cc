@@ -2,6 +2,7 @@
 // dictionary filters as the reader applies them.
 // What the command-line cases already show (tests/cli/cases: error messages,
 // value parsing, printing, streaming) is not repeated here.
+#include "temp_dir.h"
 #include "read_data.h"
 
 #include <gtest/gtest.h>
@@ -37,11 +38,8 @@ Fields ReadFields(std::string input) {
 class TempDir : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/mhboost_read_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
+    dir_ = tmp_.path();
   }
-  void TearDown() override { ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
   std::string Write(const std::string& name, const std::string& text) const {
     std::ofstream(Path(name)) << text;
@@ -54,6 +52,7 @@ class TempDir : public ::testing::Test {
     if (test != nullptr) Write("task.test", test);
     return Path("task");
   }
+  Temp_Dir tmp_{"mhboost_read"};
   std::string dir_;
 };
 

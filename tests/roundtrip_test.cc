@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "temp_dir.h"
+
 namespace {
 
 std::string RunIn(const std::string& dir, const std::string& command) {
@@ -23,8 +25,8 @@ std::string RunIn(const std::string& dir, const std::string& command) {
 class RoundTrip : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(RoundTrip, ClassifyingTheTestFileRepeatsTrainingScores) {
-  char tmpl[] = "/tmp/mhboost-roundtrip-XXXXXX";
-  const std::string dir = mkdtemp(tmpl);
+  const Temp_Dir tmp("mhboost-roundtrip");
+  const std::string& dir = tmp.path();
   ASSERT_EQ(std::system(("cp " MHBOOST_SOURCE_DIR "/examples/news.* '" + dir + "/'").c_str()), 0);
   std::string trained = RunIn(dir, "-n 25 -o " + GetParam());
   const std::string classified = RunIn(dir, "-C -o " + GetParam() + " < news.test");
@@ -35,7 +37,6 @@ TEST_P(RoundTrip, ClassifyingTheTestFileRepeatsTrainingScores) {
   for (size_t at = 0; (at = trained.find("correct label", at + 1)) != std::string::npos;) ++examples;
   ASSERT_EQ(examples, 25);
   EXPECT_EQ(classified.substr(classified.find("\nheadline:")), trained);
-  std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 // The models hold attribute-prefixed terms of each enumerator, sparse terms

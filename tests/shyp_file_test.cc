@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "temp_dir.h"
 #include "die.h"
 #include "optscan.h"
 #include "read_data.h"
@@ -46,13 +47,10 @@ std::string Lists(int n, const int* index, const int* count, const double* value
 class ShypFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/shyp_file_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = tmp_.path();
     stem_ = dir_ + "/task";
     model_ = stem_ + ".shyp";
   }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
 
   // Starts the weak learner on the names and options (the learner keeps the
   // strings).
@@ -91,6 +89,7 @@ class ShypFileTest : public ::testing::Test {
     return weak_hyp{e, weight, nullptr};
   }
 
+  Temp_Dir tmp_{"shyp_file_test"};
   std::string dir_, stem_, model_;
   int k_ = 0;
 };

@@ -15,6 +15,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+
+#include "temp_dir.h"
 #include <vector>
 
 namespace {
@@ -342,9 +344,8 @@ std::string Slurp(const std::string& path) {
 // Trains with the program, in a scratch directory, and with the re-computation;
 // the progress lines (and, with -o, the long form) and the model file must agree.
 Expected Check(const Task& t, int rounds, bool discrete, bool long_form = false) {
-  char tmpl[] = "/tmp/training_oracle.XXXXXX";
-  std::string dir = mkdtemp(tmpl) ? tmpl : "";
-  EXPECT_NE(dir, "");
+  const Temp_Dir tmp("training_oracle");
+  const std::string& dir = tmp.path();
   std::ofstream names(dir + "/task.names"), data(dir + "/task.data"), test(dir + "/task.test");
   for (size_t l = 0; l < t.classes.size(); ++l) names << (l ? ", " : "") << t.classes[l];
   names << ".\n" << (t.continuous ? "x: continuous.\n" : "text: text.\n");
@@ -358,7 +359,6 @@ Expected Check(const Task& t, int rounds, bool discrete, bool long_form = false)
   Expected e = Train(t, rounds, discrete);
   EXPECT_EQ(Slurp(dir + "/out.txt"), e.report + (long_form ? LongForm(t, e) : ""));
   EXPECT_EQ(Slurp(dir + "/task.shyp"), ModelText(e.hyps));
-  std::filesystem::remove_all(dir);
   EXPECT_EQ(e.hyps.size(), size_t(rounds));
   e.hyps.resize(rounds);
   return e;
