@@ -521,6 +521,23 @@ inline void swap3(double* keys, int* a, int* b, int i, int j) {
   b[j] = t;
 }
 
+// Logs, example by example, the keys of a set that the table already holds
+// (keys it lacks are passed over), then counts them with example stamps
+// from `base` on. The training set (train) also shows progress and fills the
+// training counts.
+void log_known_keys(example** examples, int n, const key_source& src, hash_table* table,
+                    bool train, occurrence_log& log, int base) {
+  scan_keys(
+      examples, n, src, false, table, false, train, [](int) { return true; },
+      [&log](int) { log.starts.push_back(log.keys.size()); },
+      [&log](int, hash_entry* h, key_kind kind, double v) {
+        if (h != nullptr) log_key(log, index_of(h), kind, v);
+      });
+  log.starts.push_back(log.keys.size());
+  count_log(log, base, train);
+  if (!logging) log.clear();
+}
+
 }  // namespace
 
 hash_table* Hash_Ngram_Experts(example_data* data, term_expander expand, int W,
@@ -561,16 +578,7 @@ hash_table* Hash_Ngram_Experts_Class(example_data* data, term_expander expand,
   }
   // ...but their document frequencies cover the whole training set.
   src.fscore = logging ? log_fscore : nullptr;
-  scan_keys(
-      data->train_examples, data->num_train, src, false, table, false, true,
-      [](int) { return true; },
-      [](int) { train_log.starts.push_back(train_log.keys.size()); },
-      [](int, hash_entry* h, key_kind kind, double v) {
-        if (h != nullptr) log_key(train_log, index_of(h), kind, v);
-      });
-  train_log.starts.push_back(train_log.keys.size());
-  count_log(train_log, 1, true);
-  if (!logging) train_log.clear();
+  log_known_keys(data->train_examples, data->num_train, src, table, true, train_log, 1);
   Progress_Done();
   *num_experts = info_count;
   Index_Test_Instances(table, data, expand, W, names);
@@ -581,17 +589,9 @@ void Index_Test_Instances(hash_table* table, example_data* data,
                           term_expander expand, int W, dataset_info* names) {
   test_log.clear();
   key_source src(expand, W, names, logging ? log_fscore : nullptr);
-  scan_keys(
-      data->test_examples, data->num_test, src, false, table, false, false,
-      [](int) { return true; },
-      [](int) { test_log.starts.push_back(test_log.keys.size()); },
-      [](int, hash_entry* h, key_kind kind, double v) {
-        if (h != nullptr) log_key(test_log, index_of(h), kind, v);
-      });
-  test_log.starts.push_back(test_log.keys.size());
   // Test stamps lie past every training stamp.
-  count_log(test_log, data->num_train + 1, false);
-  if (!logging) test_log.clear();
+  log_known_keys(data->test_examples, data->num_test, src, table, false, test_log,
+                 data->num_train + 1);
 }
 
 text_expert_rec* Create_Ngram_Experts(example_data* data, term_expander expand,
