@@ -29,6 +29,7 @@
 #include "score_pool.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <bit>
 #include <cfloat>
 #include <cmath>
@@ -62,18 +63,6 @@ Fork_Join_Pool* pool = nullptr;
 
 // Label bytes of all training examples, m rows of k, 0 or 1.
 std::vector<uint8_t> label_rows;
-// The labels of each example as bit masks of 64 labels: bit b of word w of
-// example i is set in absent_words when the example lacks label 64w + b, in
-// carried_words when it carries it (bits beyond the last label are clear in
-// both).
-std::vector<uint64_t> absent_words, carried_words;
-int mask_words = 0;
-// Per round: the weights of the labels an example does not carry.
-// Per round: a copy of the weights. Rows are read at random, so the copy
-// sits on huge pages where the system offers them, and a row rarely misses
-// the TLB.
-double* weight_rows = nullptr;
-size_t weight_capacity = 0;
 // For each expert, the previous expert with an identical training list
 // (-1 if none, or if the expert is not a term expert).
 std::vector<int> prev_twin;
@@ -90,34 +79,43 @@ struct Scan_Step {
 struct Term_Block {
   int slot_base;    // first slot in slot_expert_all
   int nslots;
-  long prefix_base; // first entry in work_prefix_all (nslots + 1 entries)
+  int group_base;   // first of its slot_groups (groups_per_block of them)
 };
 std::vector<Scan_Step> scan_steps;
 std::vector<Term_Block> term_blocks;
 std::vector<int> slot_of_all;        // expert -> slot within its block
 std::vector<int> slot_expert_all;    // slot -> representative expert
-std::vector<long> work_prefix_all;   // per block: slot -> cumulative list length
-// The current block's views of the arrays above.
+// The current block's view of slot_of_all.
 const int* slot_of = nullptr;
-// What the sums need of each slot's list, kept apart from the expert records.
-struct Slot_List {
-  const int* list;
-  int length;
-  int seg_begin, seg_end;  // band segments (long lists), see seg_first
+// A buffer of doubles on 64-byte lines, so that threads that write
+// different vectors of eight lanes of a row never share a cache line.
+class Line_Buffer {
+ public:
+  ~Line_Buffer() { free(data_); }
+  void resize(size_t n) {
+    if (n <= size_) return;
+    free(data_);
+    data_ = static_cast<double*>(aligned_alloc(64, (n * sizeof(double) + 63) / 64 * 64));
+    if (data_ == nullptr) {
+      perror("Malloc");
+      Exit_Run(1);
+    }
+    size_ = n;
+  }
+  double* data() { return data_; }
+  double& operator[](size_t i) { return data_[i]; }
+
+ private:
+  double* data_ = nullptr;
+  size_t size_ = 0;
 };
-std::vector<Slot_List> slot_list_all;
-const Slot_List* slot_list = nullptr;
-const long* work_prefix = nullptr;
-std::vector<double> sums;        // slot -> 2k sums [A0 | A1]
+Line_Buffer sums;                // slot -> 2k sums [A0 | A1]
 std::vector<double> bound;       // slot -> lower bound of the score
 std::vector<double> state;       // expert in block -> 2k replayed [U0 | U1]
 std::vector<uint8_t> candidate;  // expert in block -> needs an exact score
 std::vector<long double> scores; // expert in block -> exact score
 std::vector<int> copy_of;        // expert in block -> earlier expert with same score, or -1
 
-// The rows and label bytes of a threshold expert's examples in value order.
-std::vector<double> sorted_rows;
-std::vector<uint8_t> sorted_labels;
 
 // Per-thread working tables for scoring functions called from threads.
 struct Thread_Table {
@@ -177,93 +175,129 @@ void ensure_block_storage(int k) {
   copy_of.resize(kBlock);
 }
 
-// Adds the weight rows of `list` into a0 (labels the example does not
-// carry) and a1 (labels it carries), lane by lane in list order, exactly as
-// the sequential scoring adds each weight into the sum of its sign. The
-// vector version adds under the label masks: a lane that is masked off is
-// left untouched, so both versions give the same bits.
-void add_split_plain(double* __restrict a0, double* __restrict a1, const double* __restrict rows,
-                     const int* __restrict list, int n, int /*avail*/, int k, bool fresh) {
-  if (fresh)
-    for (int l = 0; l < k; ++l) a0[l] = a1[l] = 0.0;
-  const uint8_t* y = label_rows.data();
-  for (int j = 0; j < n; ++j) {
-    const size_t i = static_cast<size_t>(list[j]);
-    const double* row = rows + i * k;
-    const uint8_t* yr = y + i * k;
-    for (int l = 0; l < k; ++l) {
-      if (yr[l])
-        a1[l] += row[l];
-      else
-        a0[l] += row[l];
+// The weights of a round as the sums read them. Every sum of a slot is a
+// chain of additions that starts at +0.0, and such a chain never holds
+// -0.0, so adding +0.0 to it changes no bit. The weights of the labels an
+// example does not carry are therefore kept in full rows (row_stride lanes,
+// a multiple of eight) with +0.0 in place of the labels it carries and in
+// the padding: every lane of a row can be added without a mask, and each
+// absent-label sum still receives exactly its own weights in list order.
+// The labels an example carries are few as a rule; their weights are kept
+// in a short list per example (carried_first / carried_label /
+// carried_weight) and added one by one. When examples carry many labels,
+// the carried weights get full rows of their own (carried_rows) instead.
+size_t row_stride = 0;
+double* absent_rows = nullptr;
+double* carried_rows = nullptr;
+size_t rows_capacity = 0;
+bool carried_dense = false;
+// absent_units bytes per example: bit b of byte v is set when the example
+// does not carry label 8v + b (bits beyond the last label are clear).
+std::vector<uint8_t> absent_bytes;
+bool sweep_vectors = false;  // the threshold sweep's AVX-512 kernel is in use
+std::vector<int> carried_first, carried_label;
+std::vector<double> carried_weight;
+
+// One list, or one band's segment of a long list, to add into a slot's sums;
+// its row indices are copied to `flat` at `offset`, so that the kernel can
+// fetch rows ahead across the ends of pieces.
+struct Piece {
+  int slot, length;
+  int offset;   // of its first row index in its group's piece_rows
+  bool fresh;   // the first piece of its list: the sums start at zero
+};
+
+// Adds rows of `rows` (row_stride lanes) into lanes [c0, c1) of the sums
+// at `out` + slot * two_k, piece after piece; c0 is a multiple of eight.
+void add_carried(double* __restrict out, size_t two_k, const Piece* pieces, size_t npieces,
+                 const int* __restrict flat, int k);
+
+void add_rows_plain(double* __restrict out, size_t two_k, const double* __restrict rows,
+                    const Piece* pieces, size_t npieces, const int* flat, int c1, int c0,
+                    double* carried_out, int k) {
+  if (carried_out != nullptr) add_carried(carried_out, two_k, pieces, npieces, flat, k);
+  for (size_t q = 0; q < npieces; ++q) {
+    const Piece& p = pieces[q];
+    double* a = out + p.slot * two_k;
+    if (p.fresh)
+      for (int l = c0; l < c1; ++l) a[l] = 0.0;
+    for (int j = 0; j < p.length; ++j) {
+      const double* row = rows + static_cast<size_t>(flat[p.offset + j]) * row_stride;
+      for (int l = c0; l < c1; ++l) a[l] += row[l];
     }
   }
 }
 
-// One pass over up to 8 * V lanes starting at lane c (a multiple of 8).
-// Both sums of each lane stay in registers: a row is loaded once and added
-// into the absent sums under the example's absent-label mask and into the
-// carried sums under the complementary mask. A masked-off lane keeps its
-// value, so every lane of each sum receives exactly the adds of the plain
-// loop, in the same order.
-template <int V>
-__attribute__((target("avx512f"), always_inline)) inline void add_split_avx512_pass(
-    double* __restrict a0, double* __restrict a1, const double* __restrict rows,
-    const uint64_t* __restrict absent, const uint64_t* __restrict carried, int groups,
-    const int* __restrict list, int n, int avail,
-    int k, int c, int c1, bool fresh) {
+// Lanes [c, min(c + 8V, c1)) of every piece, the sums kept in registers
+// while a piece is added.
+template <int V, bool Carried>
+__attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pass(
+    double* __restrict out, size_t two_k, const double* __restrict rows, const Piece* pieces,
+    size_t npieces, const int* __restrict flat, int total, int c1, int c,
+    double* __restrict carried_out, int k) {
+  const int* first = carried_first.data();
+  const int* label = carried_label.data();
+  const double* weight = carried_weight.data();
   __mmask8 lanes[V];
-  __m512d s0[V], s1[V];
-#pragma GCC unroll 16
+#pragma GCC unroll 8
   for (int v = 0; v < V; ++v) {
     const int left = c1 - (c + 8 * v);
-    lanes[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
-    s0[v] = fresh ? _mm512_setzero_pd() : _mm512_maskz_loadu_pd(lanes[v], a0 + c + 8 * v);
-    s1[v] = fresh ? _mm512_setzero_pd() : _mm512_maskz_loadu_pd(lanes[v], a1 + c + 8 * v);
+    lanes[v] = left >= 8 ? 0xFF : static_cast<__mmask8>((1u << left) - 1);
   }
-  const int w = c / 64;
-  for (int j = 0; j < n; ++j) {
-    const size_t i = static_cast<size_t>(list[j]);
-    if (j + 8 < avail) {
-      // Rows are scattered: ask for the row a few occurrences ahead.
-      const char* ahead = reinterpret_cast<const char*>(rows + static_cast<size_t>(list[j + 8]) * k + c);
-      for (int line = 0; line < V * 64; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
+  const size_t stride = row_stride;
+  for (size_t q = 0; q < npieces; ++q) {
+    const Piece p = pieces[q];
+    double* a = out + p.slot * two_k + c;
+    __m512d s[V];
+#pragma GCC unroll 8
+    for (int v = 0; v < V; ++v)
+      s[v] = p.fresh ? _mm512_setzero_pd() : _mm512_maskz_loadu_pd(lanes[v], a + 8 * v);
+    double* a1 = Carried ? carried_out + p.slot * two_k : nullptr;
+    if (Carried && p.fresh)
+      for (int l = 0; l < k; ++l) a1[l] = 0.0;
+    const int* list = flat + p.offset;
+    const int ahead_end = total - p.offset - 8;
+    for (int j = 0; j < p.length; ++j) {
+      if (j < ahead_end) {
+        // Rows are scattered: ask for the row a few occurrences ahead.
+        const double* next = rows + static_cast<size_t>(list[j + 8]) * stride + c;
+#pragma GCC unroll 8
+        for (int v = 0; v < V; ++v)
+          _mm_prefetch(reinterpret_cast<const char*>(next + 8 * v), _MM_HINT_T0);
+      }
+      const double* row = rows + static_cast<size_t>(list[j]) * stride + c;
+#pragma GCC unroll 8
+      for (int v = 0; v < V; ++v) s[v] = _mm512_add_pd(s[v], _mm512_load_pd(row + 8 * v));
+      if (Carried) {
+        const int i = list[j];
+        for (int r = first[i]; r < first[i + 1]; ++r) a1[label[r]] += weight[r];
+      }
     }
-    const double* row = rows + i * k;
-    const uint64_t am = absent[i * groups + w];
-    const uint64_t pm = carried[i * groups + w];
-#pragma GCC unroll 16
-    for (int v = 0; v < V; ++v) {
-      const __m512d r = _mm512_maskz_loadu_pd(lanes[v], row + c + 8 * v);
-      const __mmask8 neg = static_cast<__mmask8>(am >> (8 * v));
-      const __mmask8 pos = static_cast<__mmask8>(pm >> (8 * v));
-      s0[v] = _mm512_mask_add_pd(s0[v], neg, s0[v], r);
-      s1[v] = _mm512_mask_add_pd(s1[v], pos, s1[v], r);
-    }
-  }
-#pragma GCC unroll 16
-  for (int v = 0; v < V; ++v) {
-    _mm512_mask_storeu_pd(a0 + c + 8 * v, lanes[v], s0[v]);
-    _mm512_mask_storeu_pd(a1 + c + 8 * v, lanes[v], s1[v]);
+#pragma GCC unroll 8
+    for (int v = 0; v < V; ++v) _mm512_mask_storeu_pd(a + 8 * v, lanes[v], s[v]);
   }
 }
 
-__attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
-                                                        double* __restrict a1,
-                                                        const double* __restrict rows,
-                                                        const int* __restrict list, int n,
-                                                        int avail, int k, bool fresh) {
-  const uint64_t* absent = absent_words.data();
-  const uint64_t* carried = carried_words.data();
-  // Passes of at most 64 lanes, each with exactly as many vectors as it
-  // has groups of eight lanes.
-  for (int c = 0; c < k; c += 64) {
-    const int end = k - c <= 64 ? k : c + 64;
-    switch ((end - c + 7) / 8) {
-#define MHB_PASS(V) \
-  case V:           \
-    add_split_avx512_pass<V>(a0, a1, rows, absent, carried, mask_words, list, n, avail, k, c, end, \
-                             fresh);                                                             \
+__attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, size_t two_k,
+                                                       const double* __restrict rows,
+                                                       const Piece* pieces, size_t npieces,
+                                                       const int* flat, int c1, int c0,
+                                                       double* carried_out, int k) {
+  const int total = npieces == 0 ? 0 : pieces[npieces - 1].offset + pieces[npieces - 1].length;
+  // Passes of at most 64 lanes, each with as many vectors as it has groups
+  // of eight lanes.
+  // The carried labels' sums go with the first pass.
+  for (int c = c0; c < c1; c += 64) {
+    const bool carried = carried_out != nullptr && c == c0;
+    switch ((std::min(c1, c + 64) - c + 7) / 8 + (carried ? 8 : 0)) {
+#define MHB_PASS(V)                                                                       \
+  case V:                                                                                 \
+    add_rows_avx512_pass<V, false>(out, two_k, rows, pieces, npieces, flat, total, c1, c, \
+                                   carried_out, k);                                       \
+    break;                                                                                \
+  case V + 8:                                                                             \
+    add_rows_avx512_pass<V, true>(out, two_k, rows, pieces, npieces, flat, total, c1, c,  \
+                                  carried_out, k);                                        \
     break;
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
       MHB_PASS(8)
@@ -272,10 +306,28 @@ __attribute__((target("avx512f"))) void add_split_avx512(double* __restrict a0,
   }
 }
 
-// fresh: the sums start from zero rather than from what a0/a1 hold.
-using add_split_fn = void (*)(double* __restrict, double* __restrict, const double* __restrict,
-                              const int* __restrict, int, int, int, bool);
-add_split_fn add_split = add_split_plain;
+using add_rows_fn = void (*)(double* __restrict, size_t, const double* __restrict, const Piece*,
+                             size_t, const int*, int, int, double*, int);
+add_rows_fn add_rows = add_rows_plain;
+
+// The carried-label sums from the per-example lists of carried labels.
+void add_carried(double* __restrict out, size_t two_k, const Piece* pieces, size_t npieces,
+                 const int* __restrict flat, int k) {
+  const int* first = carried_first.data();
+  const int* label = carried_label.data();
+  const double* weight = carried_weight.data();
+  for (size_t q = 0; q < npieces; ++q) {
+    const Piece& p = pieces[q];
+    double* a = out + p.slot * two_k;
+    if (p.fresh)
+      for (int l = 0; l < k; ++l) a[l] = 0.0;
+    const int* list = flat + p.offset;
+    for (int j = 0; j < p.length; ++j) {
+      const int i = list[j];
+      for (int r = first[i]; r < first[i + 1]; ++r) a[label[r]] += weight[r];
+    }
+  }
+}
 
 // The totals' walk through a block: for every expert j in order and every
 // lane c in [c0, c1) of the 2k-vector [negative | positive],
@@ -405,146 +457,280 @@ int forced_kernel = -1;
 void choose_kernels() {
   __builtin_cpu_init();
   const bool has512 = __builtin_cpu_supports("avx512f") && forced_kernel != 0 && forced_kernel != 1;
-  add_split = has512 ? add_split_avx512 : add_split_plain;
+  add_rows = has512 ? add_rows_avx512 : add_rows_plain;
+  sweep_vectors = has512;
   replay = has512 ? replay_avx512 : replay_plain;
   bound_and_moved = has512 ? bound_and_moved_avx512 : bound_and_moved_plain;
 }
 
-// A0/A1: the expert's weight by label sign, summed in list order exactly as
-// the sequential scoring does.
+// The sums of a block are split among the threads two ways: its slots
+// into groups of about equal numbers of occurrences, and the lanes of the
+// sums into parts (vectors of eight absent-label lanes, and the carried
+// labels as one more part, or as vectors of their own when they have
+// rows). Each thread adds whole lists, on its share of the lanes, so every
+// lane still receives its additions in list order. Splitting lanes rather
+// than lists lets the threads share the rows they read and keeps work
+// even when a few lists hold most of the occurrences.
+int groups_per_block = 1;
+int lane_parts = 1;
+int lane_units = 1;    // vectors of absent lanes, plus the carried part(s)
+int absent_units = 1;  // vectors of absent lanes
+
 // Lists at least this long are summed a band of rows at a time, all of a
-// thread's long lists together, so that a band read once from memory
-// serves every list that has entries in it. Each list still adds its rows
-// in its own order, band after band.
+// group's long lists together, so that a band read once from memory serves
+// every list that has entries in it. Each list still adds its rows in its
+// own order, band after band.
 constexpr int kLongList = 48;
 constexpr int kBandRows = 1024;
 
-// Where each long list crosses into a new band of rows, found once at
-// start-up: the segments of expert e are seg_band/seg_pos[seg_first[e] ..
-// seg_first[e + 1]) for a long list (empty otherwise); segment q covers list
-// positions seg_pos[q] up to the next segment's start, or the list's end.
-std::vector<int> seg_first;
-std::vector<int> seg_band;
-std::vector<int> seg_pos;
+// The pieces of each group in the order they are added: first the short
+// lists whole, then the long lists' band segments, band after band. The
+// row indices of a group's pieces are copied one after the other into
+// piece_rows, so that the kernel can fetch rows ahead across the ends of
+// pieces. All of this depends only on the lists, so it is laid out once.
+struct Slot_Group {
+  size_t piece_begin, piece_end;  // in all_pieces
+  size_t rows_base;               // in piece_rows
+};
+std::vector<Slot_Group> slot_groups;
+std::vector<Piece> all_pieces;
+std::vector<int> piece_rows;
 
-void find_band_segments() {
-  seg_first.assign(static_cast<size_t>(num_experts) + 1, 0);
-  seg_band.clear();
-  seg_pos.clear();
-  for (int e = 0; e < num_experts; ++e) {
-    seg_first[e] = static_cast<int>(seg_band.size());
-    const text_expert_rec& x = experts[e];
-    if (x.type != kTypeFgram || x.num_train < kLongList || prev_twin[e] >= 0) continue;
-    int last = -1;
-    for (int j = 0; j < x.num_train; ++j) {
-      const int band = x.train_index[j] / kBandRows;
-      if (band != last) {
-        seg_band.push_back(band);
-        seg_pos.push_back(j);
+// Lays out the pieces of the slots [s0, s1) of the block starting at slot
+// `base` as one group.
+void lay_out_group(int base, int s0, int s1) {
+  Slot_Group g{all_pieces.size(), 0, piece_rows.size()};
+  auto add_piece = [&](int slot, const int* list, int length, bool fresh) {
+    const size_t offset = piece_rows.size() - g.rows_base;
+    if (offset + static_cast<size_t>(length) > static_cast<size_t>(INT32_MAX))
+    {
+      fprintf(stderr, "Too many occurrences in one block of rules\n");
+      Exit_Run(1);
+    }
+    all_pieces.push_back(Piece{slot, length, static_cast<int>(offset), fresh});
+    piece_rows.insert(piece_rows.end(), list, list + length);
+  };
+  std::vector<int> longs;
+  for (int s = s0; s < s1; ++s) {
+    const text_expert_rec& x = experts[slot_expert_all[base + s]];
+    if (x.num_train >= kLongList)
+      longs.push_back(s);
+    else
+      add_piece(s, x.train_index, x.num_train, true);
+  }
+  if (!longs.empty()) {
+    // Each long list's segments, one per band it has rows in, ordered by
+    // band; a list's segments keep their order.
+    const int nbands = (data_set->num_train + kBandRows - 1) / kBandRows;
+    std::vector<std::vector<std::pair<int, int>>> by_band(nbands);  // (slot, list position)
+    for (int s : longs) {
+      const text_expert_rec& x = experts[slot_expert_all[base + s]];
+      int last = -1;
+      for (int j = 0; j < x.num_train; ++j) {
+        const int band = x.train_index[j] / kBandRows;
+        if (band != last) by_band[band].emplace_back(s, j);
         last = band;
       }
     }
+    for (const auto& band : by_band)
+      for (const auto& [s, j] : band) {
+        const text_expert_rec& x = experts[slot_expert_all[base + s]];
+        const int b = x.train_index[j] / kBandRows;
+        int end = j;
+        while (end < x.num_train && x.train_index[end] / kBandRows == b) ++end;
+        add_piece(s, x.train_index + j, end - j, j == 0);
+      }
   }
-  seg_first[num_experts] = static_cast<int>(seg_band.size());
+  g.piece_end = all_pieces.size();
+  slot_groups.push_back(g);
 }
 
-// One list, or one band's segment of a long list, to add into a slot's sums;
-// its row indices are copied to `flat` at `offset`, so that the kernel can
-// fetch rows ahead across the ends of pieces.
-struct Piece {
-  int slot, offset, length;
-};
-
-// Sums A0/A1 of slots [s0, s1).
-void sum_slots(int s0, int s1, int k) {
+// Sums A0/A1 of every slot of the block.
+void sum_block(const Term_Block& blk, int k) {
   const size_t two_k = 2 * static_cast<size_t>(k);
-  thread_local std::vector<int> flat;
-  thread_local std::vector<Piece> pieces;
-  thread_local std::vector<int> longs;
-  flat.clear();
-  pieces.clear();
-  longs.clear();
-  size_t long_pieces = 0;
-  for (int s = s0; s < s1; ++s) {
-    const Slot_List& sl = slot_list[s];
-    if (sl.seg_end > sl.seg_begin) {
-      double* a0 = &sums[s * two_k];
-      for (size_t c = 0; c < two_k; ++c) a0[c] = 0.0;
-      longs.push_back(s);
-      long_pieces += sl.seg_end - sl.seg_begin;
-    } else {
-      // A short list is one piece: its sums start from zero in the kernel.
-      pieces.push_back(Piece{s, static_cast<int>(flat.size()), sl.length});
-      flat.insert(flat.end(), sl.list, sl.list + sl.length);
-    }
-  }
-  if (!longs.empty()) {
-    // The segments of all long lists ordered by band (each list's segments
-    // keep their order), so that a band of rows read once serves them all.
-    const int nbands = (data_set->num_train + kBandRows - 1) / kBandRows;
-    thread_local std::vector<int> start;
-    thread_local std::vector<Piece> by_band;
-    start.assign(nbands + 1, 0);
-    for (int s : longs)
-      for (int q = slot_list[s].seg_begin; q < slot_list[s].seg_end; ++q) ++start[seg_band[q] + 1];
-    for (int b = 0; b < nbands; ++b) start[b + 1] += start[b];
-    by_band.resize(long_pieces);
-    for (int s : longs) {
-      const Slot_List& sl = slot_list[s];
-      const int last = sl.seg_end - 1;
-      for (int q = sl.seg_begin; q <= last; ++q) {
-        const int end = q < last ? seg_pos[q + 1] : sl.length;
-        // offset holds the list position until the copy below.
-        by_band[start[seg_band[q]]++] = Piece{s, seg_pos[q], end - seg_pos[q]};
+  const int items = groups_per_block * lane_parts;
+  pool->Run(items, [&](int q0, int q1, int) {
+    for (int q = q0; q < q1; ++q) {
+      const Slot_Group& g = slot_groups[blk.group_base + q / lane_parts];
+      const int part = q % lane_parts;
+      const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
+      const Piece* pieces = &all_pieces[g.piece_begin];
+      const size_t npieces = g.piece_end - g.piece_begin;
+      const int* rows = &piece_rows[g.rows_base];
+      // Absent-label vectors [u0, u1) and, beyond them, the carried part.
+      const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
+      const bool carried_list = !carried_dense && u1 > absent_units;
+      if (a0 < a1)
+        add_rows(sums.data(), two_k, absent_rows, pieces, npieces, rows, std::min(k, 8 * a1), 8 * a0,
+                 carried_list ? sums.data() + k : nullptr, k);
+      else if (carried_list)
+        add_carried(sums.data() + k, two_k, pieces, npieces, rows, k);
+      if (carried_dense && u1 > absent_units) {
+        const int c0 = std::max(u0, absent_units) - absent_units, c1 = u1 - absent_units;
+        add_rows(sums.data() + k, two_k, carried_rows, pieces, npieces, rows, std::min(k, 8 * c1),
+                 8 * c0, nullptr, k);
       }
     }
-    for (Piece p : by_band) {
-      const int* list = slot_list[p.slot].list + p.offset;
-      p.offset = static_cast<int>(flat.size());
-      pieces.push_back(p);
-      flat.insert(flat.end(), list, list + p.length);
-    }
-  }
-  const int total = static_cast<int>(flat.size());
-  const size_t shorts = pieces.size() - long_pieces;
-  for (size_t q = 0; q < pieces.size(); ++q) {
-    const Piece& p = pieces[q];
-    double* a0 = &sums[p.slot * two_k];
-    add_split(a0, a0 + k, weight_rows, flat.data() + p.offset, p.length, total - p.offset, k,
-              q < shorts);
-  }
-}
-
-// The weights of the current round, copied next to their label masks.
-[[maybe_unused]] void fill_weight_rows(const double* D) {
-  const size_t mk = static_cast<size_t>(data_set->num_train) * num_labels;
-  if (weight_capacity < mk) {
-    free(weight_rows);
-    constexpr size_t kHuge = size_t{2} << 20;
-    const size_t bytes = ((mk * sizeof(double)) + kHuge - 1) / kHuge * kHuge;
-    weight_rows = static_cast<double*>(aligned_alloc(kHuge, bytes));
-    if (weight_rows == nullptr) {
-      perror("Malloc");
-      Exit_Run(1);
-    }
-    madvise(weight_rows, bytes, MADV_HUGEPAGE);
-    weight_capacity = mk;
-  }
-  pool->Run(pool->Size(), [&](int t0, int t1, int) {
-    const size_t threads = static_cast<size_t>(pool->Size());
-    const size_t lo = mk * static_cast<size_t>(t0) / threads, hi = mk * static_cast<size_t>(t1) / threads;
-    memcpy(weight_rows + lo, D + lo, sizeof(double) * (hi - lo));
   });
 }
 
-// Lays out the scan's steps, blocks and slots (see Scan_Step).
+// The weight rows of examples [i0, i1) in the layout the sums read (see
+// absent_rows).
+void fill_rows_plain(const double* D, size_t i0, size_t i1) {
+  const size_t k = static_cast<size_t>(num_labels);
+  const uint8_t* y = label_rows.data();
+  for (size_t i = i0; i < i1; ++i) {
+    const double* d = D + i * k;
+    const uint8_t* yi = y + i * k;
+    double* out = absent_rows + i * row_stride;
+    for (size_t l = 0; l < k; ++l) out[l] = yi[l] ? 0.0 : d[l];
+    for (size_t l = k; l < row_stride; ++l) out[l] = 0.0;
+    if (carried_dense) {
+      double* in = carried_rows + i * row_stride;
+      for (size_t l = 0; l < k; ++l) in[l] = yi[l] ? d[l] : 0.0;
+      for (size_t l = k; l < row_stride; ++l) in[l] = 0.0;
+    }
+  }
+}
+
+__attribute__((target("avx512f"))) void fill_rows_avx512(const double* D, size_t i0, size_t i1) {
+  const int k = num_labels;
+  const size_t ku = static_cast<size_t>(k);
+  const int nvec = absent_units;
+  for (size_t i = i0; i < i1; ++i) {
+    const double* row = D + i * ku;
+    const uint8_t* ab = absent_bytes.data() + i * nvec;
+    double* out = absent_rows + i * row_stride;
+    for (int v = 0; v < nvec; ++v) {
+      const int left = k - 8 * v;
+      const __mmask8 lanes = left >= 8 ? 0xFF : static_cast<__mmask8>((1u << left) - 1);
+      const __m512d d = _mm512_maskz_loadu_pd(lanes, row + 8 * v);
+      _mm512_store_pd(out + 8 * v, _mm512_maskz_mov_pd(ab[v], d));
+      if (carried_dense)
+        _mm512_store_pd(carried_rows + i * row_stride + 8 * v,
+                        _mm512_maskz_mov_pd(static_cast<__mmask8>(~ab[v] & lanes), d));
+    }
+  }
+}
+
+// Lanes [c0, c1) of the absent-label totals, and with `carried` the
+// carried-label totals, summed over the rows in example order from zero.
+// The rows hold +0.0 where the sequential totals add +0.0, so every total
+// gets the same additions in the same order.
+void totals_plain(double* t, int c0, int c1, double* t1, bool carried) {
+  const size_t m = static_cast<size_t>(data_set->num_train);
+  for (int c = c0; c < c1; ++c) t[c] = 0.0;
+  for (size_t i = 0; i < m; ++i) {
+    const double* row = absent_rows + i * row_stride;
+    for (int c = c0; c < c1; ++c) t[c] += row[c];
+  }
+  if (!carried) return;
+  for (int l = 0; l < num_labels; ++l) t1[l] = 0.0;
+  if (carried_dense) {
+    for (size_t i = 0; i < m; ++i) {
+      const double* row = carried_rows + i * row_stride;
+      for (int l = 0; l < num_labels; ++l) t1[l] += row[l];
+    }
+    return;
+  }
+  for (size_t i = 0; i < m; ++i)
+    for (int r = carried_first[i]; r < carried_first[i + 1]; ++r)
+      t1[carried_label[r]] += carried_weight[r];
+}
+
+template <int V>
+__attribute__((target("avx512f"))) void totals_avx512_pass(double* t, int c) {
+  const size_t m = static_cast<size_t>(data_set->num_train);
+  __m512d s[V];
+  for (int v = 0; v < V; ++v) s[v] = _mm512_setzero_pd();
+  for (size_t i = 0; i < m; ++i) {
+    const double* row = absent_rows + i * row_stride + c;
+#pragma GCC unroll 8
+    for (int v = 0; v < V; ++v) s[v] = _mm512_add_pd(s[v], _mm512_load_pd(row + 8 * v));
+  }
+  for (int v = 0; v < V; ++v) _mm512_storeu_pd(t + c + 8 * v, s[v]);
+}
+
+void totals_avx512(double* t, int c0, int c1, double* t1, bool carried) {
+  for (int c = c0; c < c1; c += 64) {
+    switch ((std::min(c1, c + 64) - c) / 8) {
+#define MHB_PASS(V)                \
+  case V:                          \
+    totals_avx512_pass<V>(t, c);   \
+    break;
+      MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
+      MHB_PASS(8)
+#undef MHB_PASS
+    }
+  }
+  totals_plain(t, c1, c1, t1, carried);
+}
+
+// Fills the weight rows of the round from D on all threads (split by
+// examples), and with t0 != nullptr also the totals (split by lanes).
+void fill_weight_rows(const double* D, double* t0, double* t1) {
+  const size_t m = static_cast<size_t>(data_set->num_train);
+  const int k = num_labels;
+  const size_t cells = m * row_stride + 8;  // 8: room for a prefetch past the end
+  if (rows_capacity < cells) {
+    free(absent_rows);
+    free(carried_rows);
+    carried_rows = nullptr;
+    constexpr size_t kHuge = size_t{2} << 20;
+    const size_t bytes = (cells * sizeof(double) + kHuge - 1) / kHuge * kHuge;
+    // Rows are read at random, so they sit on huge pages where the system
+    // offers them, and a row rarely misses the TLB.
+    absent_rows = static_cast<double*>(aligned_alloc(kHuge, bytes));
+    if (carried_dense) carried_rows = static_cast<double*>(aligned_alloc(kHuge, bytes));
+    if (absent_rows == nullptr || (carried_dense && carried_rows == nullptr)) {
+      perror("Malloc");
+      Exit_Run(1);
+    }
+    madvise(absent_rows, bytes, MADV_HUGEPAGE);
+    if (carried_dense) madvise(carried_rows, bytes, MADV_HUGEPAGE);
+    memset(absent_rows + m * row_stride, 0, 8 * sizeof(double));
+    rows_capacity = cells;
+  }
+  pool->Run(static_cast<int>(m), [&](int i0, int i1, int) {
+    if (sweep_vectors)
+      fill_rows_avx512(D, static_cast<size_t>(i0), static_cast<size_t>(i1));
+    else
+      fill_rows_plain(D, static_cast<size_t>(i0), static_cast<size_t>(i1));
+    if (!carried_dense)
+      for (int i = i0; i < i1; ++i)
+        for (int r = carried_first[i]; r < carried_first[i + 1]; ++r)
+          carried_weight[r] = D[static_cast<size_t>(i) * k + carried_label[r]];
+  });
+  if (t0 == nullptr) return;
+  // The totals: the absent-label vectors split among the threads as the
+  // sums split them, the carried labels with the last part.
+  std::vector<double> t(row_stride);
+  pool->Run(lane_parts, [&](int p0, int p1, int) {
+    for (int part = p0; part < p1; ++part) {
+      const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
+      const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
+      if (sweep_vectors && !carried_dense)
+        totals_avx512(t.data(), 8 * a0, 8 * a1, t1, u1 > absent_units);
+      else
+        totals_plain(t.data(), 8 * a0, 8 * a1, t1, u1 > absent_units);
+    }
+  });
+  for (int l = 0; l < k; ++l) t0[l] = t[l];
+}
+
+// Set when Score_Pool_Totals has filled the rows for the coming search.
+bool rows_filled = false;
+
+// Lays out the scan's steps, blocks, slots and slot groups (see Scan_Step
+// and Slot_Group).
 void lay_out_blocks() {
   scan_steps.clear();
   term_blocks.clear();
   slot_of_all.assign(num_experts, 0);
   slot_expert_all.clear();
-  slot_list_all.clear();
-  work_prefix_all.clear();
+  slot_groups.clear();
+  all_pieces.clear();
+  piece_rows.clear();
   int e = 0;
   while (e < num_experts) {
     if (experts[e].type != kTypeFgram) {
@@ -555,7 +741,7 @@ void lay_out_blocks() {
     int end = e;
     while (end < num_experts && end - e < kBlock && experts[end].type == kTypeFgram) ++end;
     Term_Block blk{static_cast<int>(slot_expert_all.size()), 0,
-                   static_cast<long>(work_prefix_all.size())};
+                   static_cast<int>(slot_groups.size())};
     for (int j = e; j < end; ++j) {
       const int twin = prev_twin[j];
       if (twin >= e) {
@@ -563,138 +749,256 @@ void lay_out_blocks() {
       } else {
         slot_of_all[j] = blk.nslots++;
         slot_expert_all.push_back(j);
-        slot_list_all.push_back(
-            Slot_List{experts[j].train_index, experts[j].num_train, seg_first[j], seg_first[j + 1]});
       }
     }
-    long work = 0;
-    work_prefix_all.push_back(0);
-    for (int q = 0; q < blk.nslots; ++q) {
-      work += experts[slot_expert_all[blk.slot_base + q]].num_train + 1;
-      work_prefix_all.push_back(work);
+    // Groups of consecutive slots with about the same number of occurrences.
+    std::vector<long> work(blk.nslots + 1, 0);
+    for (int q = 0; q < blk.nslots; ++q)
+      work[q + 1] = work[q] + experts[slot_expert_all[blk.slot_base + q]].num_train + 1;
+    int s0 = 0;
+    for (int g = 0; g < groups_per_block; ++g) {
+      const long hi = work[blk.nslots] * (g + 1) / groups_per_block;
+      int s1 = static_cast<int>(std::lower_bound(work.begin(), work.end() - 1, hi) - work.begin());
+      if (g == groups_per_block - 1) s1 = blk.nslots;
+      lay_out_group(blk.slot_base, s0, std::max(s0, s1));
+      s0 = std::max(s0, s1);
     }
     scan_steps.push_back(Scan_Step{e, end, static_cast<int>(term_blocks.size())});
     term_blocks.push_back(blk);
     e = end;
   }
+  all_pieces.shrink_to_fit();
+  piece_rows.shrink_to_fit();
 }
 
-// Runs fn(s0, s1) over slots [0, nslots) split into one range per thread
-// with about the same number of occurrences each.
-template <typename Fn>
-void for_slot_ranges(int nslots, const Fn& fn) {
-  const int threads = pool->Size();
-  const long total = work_prefix[nslots];
-  pool->Run(threads, [&](int t0, int t1, int) {
-    for (int t = t0; t < t1; ++t) {
-      const long lo = total * t / threads, hi = total * (t + 1) / threads;
-      // First slot whose work starts at or after lo.
-      int s0 = static_cast<int>(std::lower_bound(work_prefix, work_prefix + nslots, lo) - work_prefix);
-      int s1 = static_cast<int>(std::lower_bound(work_prefix, work_prefix + nslots, hi) - work_prefix);
-      if (t == threads - 1) s1 = nslots;
-      if (s0 < s1) fn(s0, s1);
-    }
-  });
-}
-
-// Scores the term experts [b, e) of the non-abstaining scan (weights from
-// fill_weight_rows) against the
-// totals T (W[0]), updating best / best_index in array order.
 // The threshold sweep of the real AdaBoost.MH scan, on all threads. Every
 // label's totals and region sums go through the sweep on their own, so the
-// labels are split among the threads, each doing exactly the sequential
-// sweep's operations for its labels; the per-label terms of every candidate
-// position are kept and summed in label order afterwards, as the sequential
-// sweep sums them.
+// labels are split among the threads in chunks of up to four vectors of
+// eight, each chunk doing exactly the sequential sweep's operations for its
+// labels. The per-label terms of every candidate position are kept, with
+// each chunk's sum of its terms (in any order). Those rough sums pick out
+// the few positions that can hold the smallest score; only their terms are
+// added in label order in extended precision, as the sequential sweep adds
+// them, and the first smallest of those is the sweep's choice. A position
+// whose rough sum exceeds the smallest rough sum by more than the margin
+// scores strictly more: the terms are never negative, so both sums are
+// within a relative k * 2^-52 of the true sum of the terms (a far smaller
+// error than the margin; the absolute slack covers subnormal sums).
+struct Sweep_Chunk {
+  int v0, v1;  // label vectors [v0, v1)
+};
+
+// Labels [8 v0, min(k, 8 v1)) of the sweep, one label at a time.
+void sweep_chunk_plain(const double* D, const int* order, int n, const int* cand, size_t nc, int k,
+                       int v0, int v1, double* t0, double* t1, double* terms, double* partial,
+                       int chunk, int nchunks) {
+  const int l0 = 8 * v0, l1 = std::min(k, 8 * v1), w = l1 - l0;
+  const uint8_t* y = label_rows.data();
+  std::vector<double> a0(w, 0.0), a1(w, 0.0), b0(w, 0.0), b1(w, 0.0);
+  for (int j = 0; j < n; ++j) {
+    const size_t i = static_cast<size_t>(order[j]);
+    for (int l = 0; l < w; ++l) {
+      const double d = D[i * k + l0 + l];
+      const uint8_t c = y[i * k + l0 + l];
+      b1[l] += c ? d : 0.0;
+      b0[l] += c ? 0.0 : d;
+    }
+  }
+  size_t ci = 0;
+  for (int p = -1; p < n && ci < nc; ++p) {
+    if (p >= 0) {
+      const size_t i = static_cast<size_t>(order[p]);
+      for (int l = 0; l < w; ++l) {
+        const double d = D[i * k + l0 + l];
+        const uint8_t c = y[i * k + l0 + l];
+        a1[l] += c ? d : 0.0;
+        a0[l] += c ? 0.0 : d;
+        b1[l] -= c ? d : 0.0;
+        b0[l] -= c ? 0.0 : d;
+      }
+    }
+    if (cand[ci] != p) continue;
+    double* out = terms + ci * k + l0;
+    double sum = 0.0;
+    for (int l = 0; l < w; ++l) {
+      double u0 = (t0[l0 + l] - a0[l]) - b0[l];
+      double u1 = (t1[l0 + l] - a1[l]) - b1[l];
+      if (u0 < 0) u0 = 0.0;
+      if (u1 < 0) u1 = 0.0;
+      if (b0[l] < 0) b0[l] = 0.0;
+      if (b1[l] < 0) b1[l] = 0.0;
+      out[l] = sqrt(u0 * u1) + sqrt(a0[l] * a1[l]) + sqrt(b0[l] * b1[l]);
+      sum += out[l];
+      t0[l0 + l] = (u0 + a0[l]) + b0[l];
+      t1[l0 + l] = (u1 + a1[l]) + b1[l];
+    }
+    partial[ci * nchunks + chunk] = sum;
+    ++ci;
+  }
+}
+
+// max(x, 0) lane by lane, as "if (x < 0) x = 0": a NaN stays NaN.
+__attribute__((target("avx512f"), always_inline)) inline __m512d clamp_below_zero(__m512d x) {
+  const __m512d zero = _mm512_setzero_pd();
+  return _mm512_mask_mov_pd(x, _mm512_cmp_pd_mask(x, zero, _CMP_LT_OQ), zero);
+}
+
+// The weights of the chunk's labels in the row of sorted position j, split
+// by label sign (zero in the lanes of the other sign).
+template <int V>
+__attribute__((target("avx512f"), always_inline)) inline void split_row(
+    const double* D, const int* order, int j, int n, int k, int v0, const __mmask8* lanes,
+    __m512d* d0, __m512d* d1) {
+  const size_t ku = static_cast<size_t>(k);
+  const int l0 = 8 * v0;
+  if (j + 16 < n) {
+    // Rows are read in value order, at random in memory: ask for one ahead.
+    const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + 16]) * ku + l0);
+    for (int line = 0; line <= 64 * V; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
+  }
+  const size_t i = static_cast<size_t>(order[j]);
+  const double* row = D + i * ku + l0;
+  const uint8_t* ab = absent_bytes.data() + i * static_cast<size_t>(absent_units) + v0;
+#pragma GCC unroll 4
+  for (int v = 0; v < V; ++v) {
+    const __m512d d = _mm512_maskz_loadu_pd(lanes[v], row + 8 * v);
+    const __mmask8 m0 = ab[v];
+    d0[v] = _mm512_maskz_mov_pd(m0, d);
+    d1[v] = _mm512_maskz_mov_pd(static_cast<__mmask8>(~m0 & lanes[v]), d);
+  }
+}
+
+// GCC 12 warns that its own header's sqrt and reduction intrinsics use an
+// uninitialised vector (their undefined pass-through operand).
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+template <int V>
+__attribute__((target("avx512f"))) void sweep_chunk_avx512(const double* D, const int* order, int n,
+                                                           const int* cand, size_t nc, int k,
+                                                           int v0, double* t0, double* t1,
+                                                           double* terms, double* partial,
+                                                           int chunk, int nchunks) {
+  const int l0 = 8 * v0;
+  const size_t ku = static_cast<size_t>(k);
+  const __m512d zero = _mm512_setzero_pd();
+  __mmask8 lanes[V];
+  __m512d a0[V], a1[V], b0[V], b1[V], tv0[V], tv1[V];
+  for (int v = 0; v < V; ++v) {
+    const int left = k - (l0 + 8 * v);
+    lanes[v] = left >= 8 ? 0xFF : left <= 0 ? 0 : static_cast<__mmask8>((1u << left) - 1);
+    a0[v] = a1[v] = b0[v] = b1[v] = zero;
+    tv0[v] = _mm512_maskz_loadu_pd(lanes[v], t0 + l0 + 8 * v);
+    tv1[v] = _mm512_maskz_loadu_pd(lanes[v], t1 + l0 + 8 * v);
+  }
+  for (int j = 0; j < n; ++j) {
+    __m512d d0[V], d1[V];
+    split_row<V>(D, order, j, n, k, v0, lanes, d0, d1);
+#pragma GCC unroll 4
+    for (int v = 0; v < V; ++v) {
+      b1[v] = _mm512_add_pd(b1[v], d1[v]);
+      b0[v] = _mm512_add_pd(b0[v], d0[v]);
+    }
+  }
+  size_t ci = 0;
+  for (int p = -1; p < n && ci < nc; ++p) {
+    if (p >= 0) {
+      __m512d d0[V], d1[V];
+      split_row<V>(D, order, p, n, k, v0, lanes, d0, d1);
+#pragma GCC unroll 4
+      for (int v = 0; v < V; ++v) {
+        a1[v] = _mm512_add_pd(a1[v], d1[v]);
+        a0[v] = _mm512_add_pd(a0[v], d0[v]);
+        b1[v] = _mm512_sub_pd(b1[v], d1[v]);
+        b0[v] = _mm512_sub_pd(b0[v], d0[v]);
+      }
+    }
+    if (cand[ci] != p) continue;
+    double* out = terms + ci * ku + l0;
+    __m512d sum = zero;
+#pragma GCC unroll 4
+    for (int v = 0; v < V; ++v) {
+      const __m512d u0 = clamp_below_zero(_mm512_sub_pd(_mm512_sub_pd(tv0[v], a0[v]), b0[v]));
+      const __m512d u1 = clamp_below_zero(_mm512_sub_pd(_mm512_sub_pd(tv1[v], a1[v]), b1[v]));
+      b0[v] = clamp_below_zero(b0[v]);
+      b1[v] = clamp_below_zero(b1[v]);
+      __m512d term = _mm512_add_pd(_mm512_sqrt_pd(_mm512_mul_pd(u0, u1)),
+                                   _mm512_sqrt_pd(_mm512_mul_pd(a0[v], a1[v])));
+      term = _mm512_add_pd(term, _mm512_sqrt_pd(_mm512_mul_pd(b0[v], b1[v])));
+      _mm512_mask_storeu_pd(out + 8 * v, lanes[v], term);
+      sum = _mm512_add_pd(sum, _mm512_maskz_mov_pd(lanes[v], term));
+      tv0[v] = _mm512_add_pd(_mm512_add_pd(u0, a0[v]), b0[v]);
+      tv1[v] = _mm512_add_pd(_mm512_add_pd(u1, a1[v]), b1[v]);
+    }
+    partial[ci * nchunks + chunk] = _mm512_reduce_add_pd(sum);
+    ++ci;
+  }
+  for (int v = 0; v < V; ++v) {
+    _mm512_mask_storeu_pd(t0 + l0 + 8 * v, lanes[v], tv0[v]);
+    _mm512_mask_storeu_pd(t1 + l0 + 8 * v, lanes[v], tv1[v]);
+  }
+}
+#pragma GCC diagnostic pop
+
+std::vector<int> sweep_cand;
+std::vector<double> sweep_terms, sweep_partial;
+
 [[maybe_unused]] long double threshold_by_labels(const double* D, text_expert_rec* e, int k,
                                                  weight_table W) {
   const int n = e->num_train;
   const double* v = e->sorted_values;
   const int* order = e->sorted_index;
-  std::vector<int> cand;
+  std::vector<int>& cand = sweep_cand;
+  cand.clear();
   for (int p = -1; p < n; ++p)
     if (p == -1 || p == n - 1 || v[p + 1] != v[p]) cand.push_back(p);
   const size_t nc = cand.size();
-  std::vector<double> terms(nc * k);
-  // The rows in value order, gathered once on all threads so that the
-  // label sweeps below read them one after the other.
+  // Chunks of at most four label vectors, at least one per thread where
+  // there are enough vectors.
+  const int nvec = (k + 7) / 8;
+  const int nchunks = std::max((nvec + 3) / 4, std::min(pool->Size(), nvec));
   const size_t ku = static_cast<size_t>(k);
-  const size_t w = ku;
-  if (sorted_rows.size() < static_cast<size_t>(n) * ku) {
-    sorted_rows.resize(static_cast<size_t>(n) * ku);
-    sorted_labels.resize(static_cast<size_t>(n) * ku);
+  if (sweep_terms.size() < nc * ku) sweep_terms.resize(nc * ku);
+  if (sweep_partial.size() < nc * nchunks) sweep_partial.resize(nc * nchunks);
+  double* terms = sweep_terms.data();
+  double* partial = sweep_partial.data();
+  pool->Run(nchunks, [&](int c0, int c1, int) {
+    for (int c = c0; c < c1; ++c) {
+      const int v0 = nvec * c / nchunks, v1 = nvec * (c + 1) / nchunks;
+      if (!sweep_vectors) {
+        sweep_chunk_plain(D, order, n, cand.data(), nc, k, v0, v1, W[0][0], W[0][1], terms,
+                          partial, c, nchunks);
+        continue;
+      }
+      switch (v1 - v0) {
+#define MHB_CHUNK(V)                                                                          \
+  case V:                                                                                     \
+    sweep_chunk_avx512<V>(D, order, n, cand.data(), nc, k, v0, W[0][0], W[0][1], terms, partial, \
+                          c, nchunks);                                                        \
+    break;
+        MHB_CHUNK(1) MHB_CHUNK(2) MHB_CHUNK(3) MHB_CHUNK(4)
+#undef MHB_CHUNK
+      }
+    }
+  });
+  // The rough sums, and the smallest of them.
+  double least = HUGE_VAL;
+  for (size_t ci = 0; ci < nc; ++ci) {
+    double sum = 0.0;
+    for (int c = 0; c < nchunks; ++c) sum += partial[ci * nchunks + c];
+    partial[ci * nchunks] = sum;
+    if (sum < least) least = sum;
   }
-  pool->Run(n, [&](int j0, int j1, int) {
-    for (int j = j0; j < j1; ++j) {
-      if (j + 8 < j1) {
-        const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + 8]) * ku);
-        for (size_t q = 0; q < ku * sizeof(double); q += 64) _mm_prefetch(ahead + q, _MM_HINT_T0);
-      }
-      const size_t i = static_cast<size_t>(order[j]);
-      memcpy(&sorted_rows[j * ku], D + i * ku, sizeof(double) * ku);
-      memcpy(&sorted_labels[j * ku], &label_rows[i * ku], ku);
-    }
-  });
-  const double* rows = sorted_rows.data();
-  const uint8_t* ys = sorted_labels.data();
-  pool->Run(k, [&](int l0, int l1, int) {
-    double* t0 = W[0][0];
-    double* t1 = W[0][1];
-    double *a0 = W[1][0], *a1 = W[1][1], *b0 = W[2][0], *b1 = W[2][1];
-    for (int l = l0; l < l1; ++l) a0[l] = a1[l] = b0[l] = b1[l] = 0.0;
-    for (int j = 0; j < n; ++j) {
-      const double* row = &rows[j * w];
-      const uint8_t* yi = &ys[j * w];
-      for (int l = l0; l < l1; ++l) {
-        b1[l] += yi[l] ? row[l] : 0.0;
-        b0[l] += yi[l] ? 0.0 : row[l];
-      }
-    }
-    size_t ci = 0;
-    for (int p = -1; p < n; ++p) {
-      if (p >= 0) {
-        const double* row = &rows[p * w];
-        const uint8_t* yi = &ys[p * w];
-        for (int l = l0; l < l1; ++l) {
-          const double d = row[l];
-          const uint8_t y = yi[l];
-          a1[l] += y ? d : 0.0;
-          a0[l] += y ? 0.0 : d;
-          b1[l] -= y ? d : 0.0;
-          b0[l] -= y ? 0.0 : d;
-        }
-      }
-      if (ci >= nc || cand[ci] != p) continue;
-      double* out = &terms[ci * k];
-      for (int l = l0; l < l1; ++l) {
-        double u0 = (t0[l] - a0[l]) - b0[l];
-        double u1 = (t1[l] - a1[l]) - b1[l];
-        if (u0 < 0) u0 = 0.0;
-        if (u1 < 0) u1 = 0.0;
-        if (b0[l] < 0) b0[l] = 0.0;
-        if (b1[l] < 0) b1[l] = 0.0;
-        out[l] = sqrt(u0 * u1) + sqrt(a0[l] * a1[l]) + sqrt(b0[l] * b1[l]);
-        t0[l] = (u0 + a0[l]) + b0[l];
-        t1[l] = (u1 + a1[l]) + b1[l];
-      }
-      ++ci;
-    }
-  });
-  // Each candidate's terms summed in label order (candidates in parallel),
-  // then the first smallest score in position order.
-  std::vector<long double> score(nc);
-  pool->Run(static_cast<int>(nc), [&](int c0, int c1, int) {
-    for (int ci = c0; ci < c1; ++ci) {
-      long double sum = 0;
-      for (int l = 0; l < k; ++l) sum += terms[static_cast<size_t>(ci) * k + l];
-      score[ci] = sum;
-    }
-  });
+  const double limit = least + kMargin * least + 1e-300;
   long double best = DBL_MAX;
   int best_p = -1;
   for (size_t ci = 0; ci < nc; ++ci) {
-    if (score[ci] < best) {
-      best = score[ci];
+    const double rough = partial[ci * nchunks];
+    // Positions with a rough sum that is not finite are scored exactly too.
+    if (rough > limit && rough < HUGE_VAL) continue;
+    long double score = 0;
+    for (int l = 0; l < k; ++l) score += terms[ci * ku + l];
+    if (score < best) {
+      best = score;
       best_p = cand[ci];
     }
   }
@@ -736,10 +1040,8 @@ void for_slot_ranges(int nslots, const Fn& fn) {
 
   const Term_Block& blk = term_blocks[block];
   slot_of = &slot_of_all[b];
-  slot_list = &slot_list_all[blk.slot_base];
-  work_prefix = &work_prefix_all[blk.prefix_base];
   const int nslots = blk.nslots;
-  for_slot_ranges(nslots, [&](int s0, int s1) { sum_slots(s0, s1, k); });
+  sum_block(blk, k);
 
   // The totals at the start of the block, as one 2k-vector [T0 | T1].
   std::vector<double> totals(two_k);
@@ -848,28 +1150,9 @@ void for_slot_ranges(int nslots, const Fn& fn) {
 }  // namespace
 
 void Score_Pool_Totals(const double* D, weight_table W) {
-  const int k = num_labels;
-  for (int l = 0; l < k; ++l) {
-    W[0][0][l] = 0.0;
-    W[0][1][l] = 0.0;
-  }
-  // Each label's totals are summed over the examples in order on their own,
-  // so the labels are split among the threads.
-  const size_t m = static_cast<size_t>(data_set->num_train);
-  const size_t ku = static_cast<size_t>(k);
-  const uint8_t* y = label_rows.data();
-  Run_Parallel(k, [&](int l0, int l1, int) {
-    double* t0 = W[0][0];
-    double* t1 = W[0][1];
-    for (size_t i = 0; i < m; ++i) {
-      const double* row = D + i * ku;
-      const uint8_t* yr = y + i * ku;
-      for (int l = l0; l < l1; ++l) {
-        t1[l] += yr[l] ? row[l] : 0.0;
-        t0[l] += yr[l] ? 0.0 : row[l];
-      }
-    }
-  });
+  // The weight rows of the coming search are filled in the same pass.
+  fill_weight_rows(D, W[0][0], W[0][1]);
+  rows_filled = true;
 }
 
 void Run_Parallel(int n, const std::function<void(int, int, int)>& fn) {
@@ -895,25 +1178,43 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   label_rows.assign(static_cast<size_t>(m) * k, 0);
   for (int i = 0; i < m; ++i)
     for (int l = 0; l < k; ++l) label_rows[static_cast<size_t>(i) * k + l] = d->train_labels[i][l] ? 1 : 0;
-  mask_words = (k + 63) / 64;
-  absent_words.assign(static_cast<size_t>(m) * mask_words, 0);
-  carried_words.assign(static_cast<size_t>(m) * mask_words, 0);
+  row_stride = (static_cast<size_t>(k) + 7) / 8 * 8;
+  // The weight rows are laid out anew for this data set.
+  free(absent_rows);
+  free(carried_rows);
+  absent_rows = carried_rows = nullptr;
+  rows_capacity = 0;
+  rows_filled = false;
+  carried_first.assign(static_cast<size_t>(m) + 1, 0);
+  carried_label.clear();
+  for (int i = 0; i < m; ++i) {
+    for (int l = 0; l < k; ++l)
+      if (d->train_labels[i][l]) carried_label.push_back(l);
+    carried_first[i + 1] = static_cast<int>(carried_label.size());
+  }
+  // One by one, the carried weights cost a few operations each; as rows,
+  // a vector add per eight labels, whether the example carries them or not.
+  carried_dense = carried_label.size() > static_cast<size_t>(m) * (row_stride / 8);
+  if (carried_dense) {
+    carried_first.clear();
+    carried_label.clear();
+  }
+  carried_weight.assign(carried_label.size(), 0.0);
+  delete pool;
+  pool = new Fork_Join_Pool(Resolve_Thread_Count(num_threads));
+  absent_units = static_cast<int>(row_stride / 8);
+  absent_bytes.assign(static_cast<size_t>(m) * absent_units, 0);
   for (int i = 0; i < m; ++i)
-    for (int l = 0; l < k; ++l) {
-      const uint64_t bit = uint64_t{1} << (l % 64);
-      const size_t at = static_cast<size_t>(i) * mask_words + l / 64;
-      if (d->train_labels[i][l])
-        carried_words[at] |= bit;
-      else
-        absent_words[at] |= bit;
-    }
+    for (int l = 0; l < k; ++l)
+      if (!d->train_labels[i][l])
+        absent_bytes[static_cast<size_t>(i) * absent_units + l / 8] |= static_cast<uint8_t>(1u << (l % 8));
+  lane_units = absent_units + (carried_dense ? absent_units : 1);
+  lane_parts = std::max(1, std::min(pool->Size(), lane_units));
+  groups_per_block = std::max(1, pool->Size() / lane_parts);
   find_twins();
-  find_band_segments();
   lay_out_blocks();
   ensure_block_storage(k);
   choose_kernels();
-  delete pool;
-  pool = new Fork_Join_Pool(Resolve_Thread_Count(num_threads));
   thread_tables.resize(pool->Size());
   for (auto& t : thread_tables) {
     for (auto& r : t.w)
@@ -988,7 +1289,8 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
   int best_index = 0;
 
   if (!abstaining) {
-    fill_weight_rows(D);
+    if (!rows_filled) fill_weight_rows(D, nullptr, nullptr);
+    rows_filled = false;
     for (const Scan_Step& step : scan_steps) {
       const int e = step.b;
       text_expert_rec* x = &experts[e];
@@ -1019,7 +1321,8 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
   last_scored = -1;
   last_D = D;
   long double previous = 0;
-  fill_weight_rows(D);
+  if (!rows_filled) fill_weight_rows(D, nullptr, nullptr);
+  rows_filled = false;
   const size_t two_k = 2 * static_cast<size_t>(k);
   auto take = [&](int j, bool scored, long double score) {
     if (scored) {
@@ -1039,9 +1342,7 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
       // Term experts: each distinct list summed and scored once.
       const Term_Block& blk = term_blocks[step.block];
       slot_of = &slot_of_all[step.b];
-      slot_list = &slot_list_all[blk.slot_base];
-      work_prefix = &work_prefix_all[blk.prefix_base];
-      for_slot_ranges(blk.nslots, [&](int s0, int s1) { sum_slots(s0, s1, k); });
+      sum_block(blk, k);
       pool->Run(blk.nslots, [&](int s0, int s1, int) {
         for (int s = s0; s < s1; ++s) {
           const double* a0 = &sums[s * two_k];

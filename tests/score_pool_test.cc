@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace {
@@ -29,8 +30,11 @@ struct Synthetic {
 
 // Many experts share lists (twins, adjacent and not), some occur nowhere,
 // a few are thresholds with tied values; weights span many magnitudes so
-// that the totals drift by last bits from expert to expert.
-void build(Synthetic* s, unsigned seed, int m, int k, int n_experts) {
+// that the totals drift by last bits from expert to expert. Examples carry
+// one label, sometimes two, plus `extra_labels` more; thresholds take
+// `values` distinct values.
+void build(Synthetic* s, unsigned seed, int m, int k, int n_experts, int extra_labels = 0,
+           int values = 7) {
   std::mt19937 rng(seed);
   s->m = m;
   s->k = k;
@@ -38,6 +42,7 @@ void build(Synthetic* s, unsigned seed, int m, int k, int n_experts) {
   for (int i = 0; i < m; ++i) {
     s->label_store[i][rng() % k] = 1;
     if (rng() % 4 == 0) s->label_store[i][rng() % k] = 1;
+    for (int x = 0; x < extra_labels; ++x) s->label_store[i][rng() % k] = 1;
   }
   for (auto& v : s->label_store) s->labels.push_back(v.data());
   s->D.resize(static_cast<size_t>(m) * k);
@@ -62,7 +67,7 @@ void build(Synthetic* s, unsigned seed, int m, int k, int n_experts) {
       x.type = kTypeThreshold;
       std::vector<std::pair<double, int>> pairs;
       for (int i = 0; i < m; ++i)
-        if (rng() % 3) pairs.push_back({static_cast<double>(rng() % 7), i});
+        if (rng() % 3) pairs.push_back({static_cast<double>(rng() % values), i});
       std::sort(pairs.begin(), pairs.end());
       for (auto& p : pairs) {
         s->values[e].push_back(p.first);
@@ -154,6 +159,87 @@ TEST(ScorePool, RealScanMatchesSequentialForEveryThreadCount) {
     }
     Score_Pool_Use_Kernel(-1);
   }
+}
+
+// The shapes the kernels treat apart: several vectors of labels, lists
+// long enough to be summed band by band over more than one band of rows,
+// threshold sweeps large enough to be split among the threads, and examples
+// that carry few labels (summed one by one) or many (summed as rows). The
+// chosen thresholds must match too.
+TEST(ScorePool, WideShapesMatchSequential) {
+  struct Shape {
+    int m, k, experts, extra_labels, values;
+  };
+  for (const Shape& shape : {Shape{2600, 40, 1500, 0, 900}, Shape{2300, 12, 1200, 5, 300},
+                             Shape{1500, 67, 800, 0, 1500}}) {
+    Synthetic s;
+    build(&s, static_cast<unsigned>(shape.k), shape.m, shape.k, shape.experts, shape.extra_labels,
+          shape.values);
+    Table ref(s.k);
+    fill_totals(s, ref.W);
+    const int expected = sequential_scan(&s, ref.W, 0);
+    std::vector<double> thresholds;
+    for (const auto& x : s.experts) thresholds.push_back(x.threshold);
+    for (int threads : {1, 2, 7}) {
+      for (int kernel : {0, -1}) {
+        Score_Pool_Init(s.experts.data(), &s.data, threads);
+        Score_Pool_Use_Kernel(kernel);
+        for (auto& x : s.experts) x.threshold = -1.0;
+        Table got(s.k);
+        fill_totals(s, got.W);
+        const std::string what = "k " + std::to_string(s.k) + " threads " + std::to_string(threads) +
+                                 " kernel " + std::to_string(kernel);
+        EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << what;
+        for (int b = 0; b < 2; ++b)
+          EXPECT_EQ(0, memcmp(ref.W[0][b], got.W[0][b], sizeof(double) * s.k)) << what;
+        for (size_t e = 0; e + 1 < s.experts.size(); ++e)
+          if (s.experts[e].type == kTypeThreshold) {
+            EXPECT_EQ(thresholds[e], s.experts[e].threshold) << what << " expert " << e;
+          }
+      }
+    }
+    Score_Pool_Use_Kernel(-1);
+  }
+}
+
+// A large sweep whose best score is tied exactly over a run of positions
+// (the examples there weigh nothing): the first of them must be chosen.
+TEST(ScorePool, LargeSweepTakesTheFirstOfTiedPositions) {
+  Synthetic s;
+  const int m = 2000, k = 40;
+  build(&s, 3, m, k, 1);
+  for (auto& row : s.label_store) std::fill(row.begin(), row.end(), 0);
+  s.values.assign(1, {});
+  s.sorted_index.assign(1, {});
+  for (int i = 0; i < m; ++i) {
+    const double v = i / 4;  // four examples per value
+    s.label_store[i][v < 250 ? 0 : 1] = 1;
+    s.label_store[i][2 + i % 7] = 1;
+    s.values[0].push_back(v);
+    s.sorted_index[0].push_back(i);
+    if (v >= 240 && v < 260)
+      for (int l = 0; l < k; ++l) s.D[static_cast<size_t>(i) * k + l] = 0.0;
+  }
+  text_expert_rec& x = s.experts[0];
+  x.type = kTypeThreshold;
+  x.num_train = m;
+  x.sorted_values = x.values = s.values[0].data();
+  x.sorted_index = x.train_index = s.sorted_index[0].data();
+  Table ref(k);
+  fill_totals(s, ref.W);
+  const long double score = Text_Expert_Table_Exp_Loss_Threshold(s.D.data(), &x, s.labels.data(), k, ref.W);
+  const double expected = x.threshold;
+  ASSERT_LT(expected, 241.0);  // the tie starts at the first zero-weight value
+  for (int threads : {1, 2}) {
+    Score_Pool_Init(s.experts.data(), &s.data, threads);
+    x.threshold = -1.0;
+    Table got(k);
+    fill_totals(s, got.W);
+    EXPECT_EQ(0, Score_Pool_Search(s.D.data(), got.W, 0));
+    EXPECT_EQ(expected, x.threshold) << "threads " << threads;
+    for (int b = 0; b < 2; ++b) EXPECT_EQ(0, memcmp(ref.W[0][b], got.W[0][b], sizeof(double) * k));
+  }
+  EXPECT_GT(score, 0.0L);
 }
 
 TEST(ScorePool, TwinsShareTheirListId) {
