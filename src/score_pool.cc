@@ -4,7 +4,8 @@
 // Real AdaBoost.MH (not abstaining). Each term expert's per-label sums A
 // (the weight of the examples in which it occurs, by label sign) depend
 // only on its occurrence list, so they are computed in parallel, once per
-// distinct list in a block of experts. The scan's totals T then go through
+// distinct list in a block of experts, from weight rows laid out for them
+// (see absent_rows). The scan's totals T then go through
 // every expert in array order, T := max(T - A, 0) + A: this replay is what
 // makes the totals drift by last bits exactly as the sequential scan does,
 // and it runs in parallel across labels (each label's totals evolve on
@@ -198,20 +199,21 @@ bool sweep_vectors = false;  // the threshold sweep's AVX-512 kernel is in use
 std::vector<int> carried_first, carried_label;
 std::vector<double> carried_weight;
 
-// One list, or one band's segment of a long list, to add into a slot's sums;
-// its row indices are copied to `flat` at `offset`, so that the kernel can
-// fetch rows ahead across the ends of pieces.
+// One list, or one band's segment of a long list, to add into a slot's sums.
+// A group's pieces have their row indices one after the other (`flat`
+// below), so that the kernel can fetch rows ahead across piece ends.
 struct Piece {
   int slot, length;
   int offset;   // of its first row index in its group's piece_rows
   bool fresh;   // the first piece of its list: the sums start at zero
 };
 
-// Adds rows of `rows` (row_stride lanes) into lanes [c0, c1) of the sums
-// at `out` + slot * two_k, piece after piece; c0 is a multiple of eight.
 void add_carried(double* __restrict out, size_t two_k, const Piece* pieces, size_t npieces,
                  const int* __restrict flat, int k);
 
+// Adds rows of `rows` (row_stride lanes) into lanes [c0, c1) of the sums
+// at `out` + slot * two_k, piece after piece; c0 is a multiple of eight.
+// With carried_out, also the carried labels' sums (see add_carried).
 void add_rows_plain(double* __restrict out, size_t two_k, const double* __restrict rows,
                     const Piece* pieces, size_t npieces, const int* flat, int c1, int c0,
                     double* carried_out, int k) {
