@@ -49,6 +49,10 @@
 namespace {
 
 constexpr int kBlock = 8192;
+// How far ahead the kernels that read rows at random ask for them: into the
+// first-level cache, and (for rows not read band by band) into the second.
+constexpr int kNearAhead = 8;
+constexpr int kFarAhead = 48;
 // Threshold sweeps over fewer (example, label) pairs than this run on one
 // thread.
 constexpr long kSmallSweep = 1 << 16;
@@ -215,8 +219,8 @@ void add_carried(double* __restrict out, size_t two_k, const Piece* pieces, size
 // at `out` + slot * two_k, piece after piece; c0 is a multiple of eight.
 // With carried_out, also the carried labels' sums (see add_carried).
 void add_rows_plain(double* __restrict out, size_t two_k, const double* __restrict rows,
-                    const Piece* pieces, size_t npieces, const int* flat, int c1, int c0,
-                    double* carried_out, int k) {
+                    const Piece* pieces, size_t npieces, size_t /*far_end*/, const int* flat,
+                    int c1, int c0, double* carried_out, int k) {
   if (carried_out != nullptr) add_carried(carried_out, two_k, pieces, npieces, flat, k);
   for (size_t q = 0; q < npieces; ++q) {
     const Piece& p = pieces[q];
@@ -235,7 +239,7 @@ void add_rows_plain(double* __restrict out, size_t two_k, const double* __restri
 template <int V, bool Carried>
 __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pass(
     double* __restrict out, size_t two_k, const double* __restrict rows, const Piece* pieces,
-    size_t npieces, const int* __restrict flat, int total, int c1, int c,
+    size_t npieces, size_t far_end, const int* __restrict flat, int total, int c1, int c,
     double* __restrict carried_out, int k) {
   const int* first = carried_first.data();
   const int* label = carried_label.data();
@@ -258,14 +262,22 @@ __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pa
     if (Carried && p.fresh)
       for (int l = 0; l < k; ++l) a1[l] = 0.0;
     const int* list = flat + p.offset;
-    const int ahead_end = total - p.offset - 8;
+    const int ahead_end = total - p.offset;
+    const bool far = q < far_end;
     for (int j = 0; j < p.length; ++j) {
-      if (j < ahead_end) {
+      if (j + kNearAhead < ahead_end) {
         // Rows are scattered: ask for the row a few occurrences ahead.
-        const double* next = rows + static_cast<size_t>(list[j + 8]) * stride + c;
+        const double* next = rows + static_cast<size_t>(list[j + kNearAhead]) * stride + c;
 #pragma GCC unroll 8
         for (int v = 0; v < V; ++v)
           _mm_prefetch(reinterpret_cast<const char*>(next + 8 * v), _MM_HINT_T0);
+      }
+      if (far && j + kFarAhead < ahead_end) {
+        // Short lists read rows from memory: ask for them earlier still.
+        const double* next = rows + static_cast<size_t>(list[j + kFarAhead]) * stride + c;
+#pragma GCC unroll 8
+        for (int v = 0; v < V; ++v)
+          _mm_prefetch(reinterpret_cast<const char*>(next + 8 * v), _MM_HINT_T1);
       }
       const double* row = rows + static_cast<size_t>(list[j]) * stride + c;
 #pragma GCC unroll 8
@@ -283,8 +295,8 @@ __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pa
 __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, size_t two_k,
                                                        const double* __restrict rows,
                                                        const Piece* pieces, size_t npieces,
-                                                       const int* flat, int c1, int c0,
-                                                       double* carried_out, int k) {
+                                                       size_t far_end, const int* flat, int c1,
+                                                       int c0, double* carried_out, int k) {
   const int total = npieces == 0 ? 0 : pieces[npieces - 1].offset + pieces[npieces - 1].length;
   // Passes of at most 64 lanes, each with as many vectors as it has groups
   // of eight lanes.
@@ -294,11 +306,11 @@ __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, 
     switch ((std::min(c1, c + 64) - c + 7) / 8 + (carried ? 8 : 0)) {
 #define MHB_PASS(V)                                                                       \
   case V:                                                                                 \
-    add_rows_avx512_pass<V, false>(out, two_k, rows, pieces, npieces, flat, total, c1, c, \
+    add_rows_avx512_pass<V, false>(out, two_k, rows, pieces, npieces, far_end, flat, total, c1, c, \
                                    carried_out, k);                                       \
     break;                                                                                \
   case V + 8:                                                                             \
-    add_rows_avx512_pass<V, true>(out, two_k, rows, pieces, npieces, flat, total, c1, c,  \
+    add_rows_avx512_pass<V, true>(out, two_k, rows, pieces, npieces, far_end, flat, total, c1, c,  \
                                   carried_out, k);                                        \
     break;
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
@@ -309,7 +321,7 @@ __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, 
 }
 
 using add_rows_fn = void (*)(double* __restrict, size_t, const double* __restrict, const Piece*,
-                             size_t, const int*, int, int, double*, int);
+                             size_t, size_t, const int*, int, int, double*, int);
 add_rows_fn add_rows = add_rows_plain;
 
 // The carried-label sums from the per-example lists of carried labels.
@@ -492,6 +504,7 @@ constexpr int kBandRows = 1024;
 // pieces. All of this depends only on the lists, so it is laid out once.
 struct Slot_Group {
   size_t piece_begin, piece_end;  // in all_pieces
+  size_t banded_begin;            // the first piece of a long list
   size_t rows_base;               // in piece_rows
 };
 std::vector<Slot_Group> slot_groups;
@@ -501,7 +514,7 @@ std::vector<int> piece_rows;
 // Lays out the pieces of the slots [s0, s1) of the block starting at slot
 // `base` as one group.
 void lay_out_group(int base, int s0, int s1) {
-  Slot_Group g{all_pieces.size(), 0, piece_rows.size()};
+  Slot_Group g{all_pieces.size(), 0, 0, piece_rows.size()};
   auto add_piece = [&](int slot, const int* list, int length, bool fresh) {
     const size_t offset = piece_rows.size() - g.rows_base;
     if (offset + static_cast<size_t>(length) > static_cast<size_t>(INT32_MAX))
@@ -520,6 +533,7 @@ void lay_out_group(int base, int s0, int s1) {
     else
       add_piece(s, x.train_index, x.num_train, true);
   }
+  g.banded_begin = all_pieces.size();
   if (!longs.empty()) {
     // Each long list's segments, one per band it has rows in, ordered by
     // band; a list's segments keep their order.
@@ -558,19 +572,20 @@ void sum_block(const Term_Block& blk, int k) {
       const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
       const Piece* pieces = &all_pieces[g.piece_begin];
       const size_t npieces = g.piece_end - g.piece_begin;
+      const size_t far_end = g.banded_begin - g.piece_begin;
       const int* rows = &piece_rows[g.rows_base];
       // Absent-label vectors [u0, u1) and, beyond them, the carried part.
       const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
       const bool carried_list = !carried_dense && u1 > absent_units;
       if (a0 < a1)
-        add_rows(sums.data(), two_k, absent_rows, pieces, npieces, rows, std::min(k, 8 * a1), 8 * a0,
-                 carried_list ? sums.data() + k : nullptr, k);
+        add_rows(sums.data(), two_k, absent_rows, pieces, npieces, far_end, rows, std::min(k, 8 * a1),
+                 8 * a0, carried_list ? sums.data() + k : nullptr, k);
       else if (carried_list)
         add_carried(sums.data() + k, two_k, pieces, npieces, rows, k);
       if (carried_dense && u1 > absent_units) {
         const int c0 = std::max(u0, absent_units) - absent_units, c1 = u1 - absent_units;
-        add_rows(sums.data() + k, two_k, carried_rows, pieces, npieces, rows, std::min(k, 8 * c1),
-                 8 * c0, nullptr, k);
+        add_rows(sums.data() + k, two_k, carried_rows, pieces, npieces, far_end, rows,
+                 std::min(k, 8 * c1), 8 * c0, nullptr, k);
       }
     }
   });
@@ -853,10 +868,16 @@ __attribute__((target("avx512f"), always_inline)) inline void split_row(
     __m512d* d0, __m512d* d1) {
   const size_t ku = static_cast<size_t>(k);
   const int l0 = 8 * v0;
-  if (j + 16 < n) {
-    // Rows are read in value order, at random in memory: ask for one ahead.
-    const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + 16]) * ku + l0);
+  // Rows are read in value order, at random in memory: ask for one a few
+  // positions ahead into the first-level cache, and one further ahead into
+  // the second, so that the first request finds its row there.
+  if (j + kNearAhead < n) {
+    const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + kNearAhead]) * ku + l0);
     for (int line = 0; line <= 64 * V; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
+  }
+  if (j + kFarAhead < n) {
+    const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + kFarAhead]) * ku + l0);
+    for (int line = 0; line <= 64 * V; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T1);
   }
   const size_t i = static_cast<size_t>(order[j]);
   const double* row = D + i * ku + l0;
