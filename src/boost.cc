@@ -9,9 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include <immintrin.h>
 
 #include "die.h"
 #include "optscan.h"
@@ -709,6 +712,116 @@ void strong_prediction(const double* sums, double* out_margin, double* result) {
   }
 }
 
+// What one left-to-right scan of a row of scores finds: the largest score,
+// the first label holding it (`top`), how many scores equal it (`ties`, none
+// when the first is not a number), and `second`. Second starts at -10000.0,
+// takes the old largest whenever a new largest appears and any later score
+// above it otherwise; so once the top is not the first label, the -10000.0
+// floor is gone and second is simply the best of the other scores.
+struct top_scan {
+  double largest, second;
+  int top, ties;
+};
+
+top_scan scan_top_plain(const double* sums, int k) {
+  top_scan r{sums[0], -10000.0, 0, sums[0] == sums[0] ? 1 : 0};
+  for (int l = 1; l < k; ++l) {
+    const double v = sums[l];
+    if (v > r.largest) {
+      r.second = r.largest;
+      r.largest = v;
+      r.ties = 1;
+      r.top = l;
+    } else {
+      if (v > r.second) r.second = v;
+      if (v == r.largest) ++r.ties;
+    }
+  }
+  return r;
+}
+
+// The largest of eight numbers. The full-mask forms of the intrinsics are
+// used because the plain ones trip a false "may be used uninitialized"
+// warning in GCC 12.
+__attribute__((target("avx512f"), always_inline)) inline __m512d max8(__m512d a, __m512d b) {
+  return _mm512_mask_max_pd(a, 0xFF, a, b);
+}
+__attribute__((target("avx512f"), always_inline)) inline double max_of_lanes(__m512d v) {
+  v = max8(v, _mm512_mask_shuffle_f64x2(v, 0xFF, v, v, 0x4E));
+  v = max8(v, _mm512_mask_shuffle_f64x2(v, 0xFF, v, v, 0xB1));
+  v = max8(v, _mm512_mask_shuffle_pd(v, 0xFF, v, v, 0x55));
+  return _mm512_cvtsd_f64(v);
+}
+
+// The same scan, eight labels at a time, for rows without a NaN (returns
+// false for a row with one). When every score is a number, the scan's
+// largest is the row's maximum at its first position, and when it is
+// unique its second is the maximum of the other scores (with the -10000.0
+// floor kept only for a top at label 0). Only a unique top's second is
+// needed; for ties the full prediction is made. Maxima of numbers are exact,
+// and a zero's sign never changes largest - second when the top is unique,
+// so the results are the scan's to the bit.
+__attribute__((target("avx512f"))) bool scan_top_avx512(const double* sums, int k,
+                                                        top_scan* out) {
+  const __m512d floor = _mm512_set1_pd(-std::numeric_limits<double>::infinity());
+  const int full = k & ~7;
+  const __mmask8 tail = static_cast<__mmask8>((1u << (k - full)) - 1);
+  __m512d most = floor;
+  __mmask8 nan = 0;
+  for (int c = 0; c < full; c += 8) {
+    const __m512d v = _mm512_loadu_pd(sums + c);
+    nan |= _mm512_cmp_pd_mask(v, v, _CMP_UNORD_Q);
+    most = max8(most, v);
+  }
+  if (tail) {
+    const __m512d v = _mm512_mask_loadu_pd(floor, tail, sums + full);
+    nan |= _mm512_cmp_pd_mask(v, v, _CMP_UNORD_Q);
+    most = max8(most, v);
+  }
+  if (nan) return false;
+  const __m512d largest = _mm512_set1_pd(max_of_lanes(most));
+  // The first label equal to the maximum, how many are, and the maximum of
+  // the rest.
+  int top = k, ties = 0;
+  __m512d rest = floor;
+  for (int c = 0; c < full; c += 8) {
+    const __m512d v = _mm512_loadu_pd(sums + c);
+    const __mmask8 eq = _mm512_cmp_pd_mask(v, largest, _CMP_EQ_OQ);
+    const int first = eq ? c + __builtin_ctz(eq) : k;
+    top = first < top ? first : top;
+    ties += __builtin_popcount(eq);
+    rest = _mm512_mask_max_pd(rest, static_cast<__mmask8>(~eq), rest, v);
+  }
+  if (tail) {
+    const __m512d v = _mm512_mask_loadu_pd(floor, tail, sums + full);
+    const __mmask8 eq = _mm512_mask_cmp_pd_mask(tail, v, largest, _CMP_EQ_OQ);
+    const int first = eq ? full + __builtin_ctz(eq) : k;
+    top = first < top ? first : top;
+    ties += __builtin_popcount(eq);
+    rest = _mm512_mask_max_pd(rest, static_cast<__mmask8>(~eq & tail), rest, v);
+  }
+  out->top = top;
+  out->ties = ties;
+  out->largest = sums[top];
+  if (ties == 1) {
+    const double others = max_of_lanes(rest);
+    out->second = top == 0 && !(others > -10000.0) ? -10000.0 : others;
+  }
+  return true;
+}
+
+const bool has_avx512 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx512f") != 0;
+}();
+bool vector_scan = has_avx512;
+
+top_scan scan_top(const double* sums, int k) {
+  top_scan r;
+  if (vector_scan && scan_top_avx512(sums, k, &r)) return r;
+  return scan_top_plain(sums, k);
+}
+
 // One example's share of the error: `wrong`, the strong prediction's total
 // on classes the example lacks (in utility mode its utility), and its
 // margin.
@@ -717,9 +830,9 @@ void example_error(const double* sums, const unsigned char* y, double* wrong,
   const int k = data->num_classes;
   // The prediction vector, where it is needed; one per thread.
   thread_local std::vector<double> work;
-  work.resize(k < 2 ? 2 : k);
-  double* result = work.data();
   if (utility_mode) {
+    work.resize(k < 2 ? 2 : k);
+    double* result = work.data();
     const int c = carries_class1(y, k);
     strong_prediction(sums, nullptr, result);
     *wrong = add_nan_first(mul_nan_first(utility[2 * c], result[0]),
@@ -729,30 +842,16 @@ void example_error(const double* sums, const unsigned char* y, double* wrong,
   }
   if (!soft_threshold) {
     // A single top score gets the whole vote: the error is then exactly 1
-    // or 0, with no need for the prediction vector. `ties` counts the scores
-    // equal to the largest (none when the first is not a number).
-    double largest = sums[0];
-    double second = -10000.0;
-    int ties = sums[0] == sums[0] ? 1 : 0;
-    int top = 0;
-    for (int l = 1; l < k; ++l) {
-      const double v = sums[l];
-      if (v > largest) {
-        second = largest;
-        largest = v;
-        ties = 1;
-        top = l;
-      } else {
-        if (v > second) second = v;
-        if (v == largest) ++ties;
-      }
-    }
-    if (ties == 1) {
-      *wrong = y[top] ? 0.0 : 1.0;
-      *margin = (largest - second) / normaliser();
+    // or 0, with no need for the prediction vector.
+    const top_scan r = scan_top(sums, k);
+    if (r.ties == 1) {
+      *wrong = y[r.top] ? 0.0 : 1.0;
+      *margin = (r.largest - r.second) / normaliser();
       return;
     }
   }
+  work.resize(k < 2 ? 2 : k);
+  double* result = work.data();
   strong_prediction(sums, margin, result);
   double w = 0.0;
   for (int l = 0; l < k; ++l)
@@ -813,6 +912,18 @@ void set_error(const example_groups& g, double* out_err, double* out_rej_err,
 }
 
 }  // namespace
+
+// For tests, which declare these themselves: one example's error and
+// margin as the report finds them, and a switch to the sequential scan of a
+// row's top scores even where the vector scan runs (returns whether this
+// processor has the vector scan).
+void Example_Error(const double* sums, const unsigned char* y, double* wrong, double* margin) {
+  example_error(sums, y, wrong, margin);
+}
+bool Use_Sequential_Top_Scan(bool sequential) {
+  vector_scan = has_avx512 && !sequential;
+  return has_avx512;
+}
 
 double* eval_strong_hyp(double* sums, double* out_margin) {
   static double* result = nullptr;
