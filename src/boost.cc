@@ -73,6 +73,7 @@ struct example_groups {
   int n = 0;                           // examples of the set
   int count = 0;                       // groups (and rows)
   std::vector<int> of;                 // group of each example
+  std::vector<unsigned char> labels;   // each example's k label bytes, in one block
   std::vector<int> first;              // first example of each group
   std::vector<int> row;                // row of each group
   std::vector<int> from_row;           // row it was split from (its own for heirs)
@@ -183,10 +184,11 @@ void call_weak_learner(struct weak_hyp* entry) {
 }
 
 // Sizes a buffer of group rows to `size` doubles. Groups only ever split,
-// up to one per example (`limit` doubles), so a buffer grows by at most a
-// quarter beyond what is asked rather than doubling.
+// up to one per example (`limit` doubles), so the buffer is given room for
+// that many at once: the rows are never copied as the groups multiply, and
+// the pages beyond the rows in use are never touched.
 void size_rows(std::vector<double>* v, size_t size, size_t limit) {
-  if (v->capacity() < size) v->reserve(std::min(limit, size + size / 4));
+  if (v->capacity() < limit) v->reserve(limit);
   v->resize(size);
 }
 
@@ -195,6 +197,11 @@ void init_groups(example_groups* g, int n, unsigned char** labels, int k) {
   g->n = n;
   g->of.assign(n, 0);
   g->pred_of.assign(n, nullptr);
+  // The examples' own label vectors lie scattered between their texts; the
+  // per-group loops read them in example order from one block instead.
+  g->labels.resize(static_cast<size_t>(n) * k);
+  for (int i = 0; i < n; ++i)
+    if (k > 0) memcpy(&g->labels[static_cast<size_t>(i) * k], labels[i], k);
   g->first.clear();
   std::unordered_map<std::string, int> seen;
   for (int i = 0; i < n; ++i) {
@@ -642,7 +649,7 @@ double compute_loss(struct weak_hyp* /*entry*/, double* out_abstain, double alph
           double* ld = &group_log[static_cast<size_t>(to) * k];
           double* e = &group_exp[static_cast<size_t>(to) * k];
           const double* p = g.pred[h];
-          const unsigned char* yh = y[g.first[h]];
+          const unsigned char* yh = &g.labels[static_cast<size_t>(g.first[h]) * k];
           for (int l = 0; l < k; ++l) {
             double v = old[l];
             if (pending) v -= lz;
@@ -861,8 +868,7 @@ void example_error(const double* sums, const unsigned char* y, double* wrong,
 
 // Adds the newest hypothesis's predictions into every group's score sums,
 // and with `errors` finds each group's error and margin for the report.
-void update_group_sums(example_groups* g, unsigned char** labels,
-                       const struct weak_hyp* entry, bool errors) {
+void update_group_sums(example_groups* g, const struct weak_hyp* entry, bool errors) {
   const int k = data->num_classes;
   size_rows(&g->sums, static_cast<size_t>(g->count) * k, static_cast<size_t>(g->n) * k);
   if (errors) {
@@ -875,14 +881,15 @@ void update_group_sums(example_groups* g, unsigned char** labels,
         double* sums = &g->sums[static_cast<size_t>(to) * k];
         add_prediction(entry, &g->sums[static_cast<size_t>(from) * k], g->pred[h], sums, k);
         if (errors)
-          example_error(sums, labels[g->first[h]], &g->wrong[h], &g->margin[h]);
+          example_error(sums, &g->labels[static_cast<size_t>(g->first[h]) * k], &g->wrong[h],
+                        &g->margin[h]);
       },
       [](int) {});
 }
 
 void update_weak_hyp_sums(struct weak_hyp* entry, bool errors) {
-  update_group_sums(&train_groups, data->train_labels, entry, errors);
-  update_group_sums(&test_groups, data->test_labels, entry, errors);
+  update_group_sums(&train_groups, entry, errors);
+  update_group_sums(&test_groups, entry, errors);
 }
 
 // The error totals of a set from its groups' errors, added in example
