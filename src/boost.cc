@@ -5,12 +5,15 @@
 #include "boost.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -92,28 +95,21 @@ example_groups train_groups, test_groups;
 
 // Runs fn(h, from, to) for every group of the last split, on all threads:
 // first the groups with new rows, then the heirs (from == to), so that an
-// old row is read before it is overwritten. After_first(end) is called on
-// the thread of the first heirs once every group below heirs[end] is done.
-template <typename Fn, typename After>
-void for_each_split_group(const example_groups& g, const Fn& fn, const After& after_first) {
+// old row is read before it is overwritten.
+template <typename Fn>
+void for_each_split_group(const example_groups& g, const Fn& fn) {
   Run_Parallel(static_cast<int>(g.new_rows.size()), [&](int j0, int j1, int) {
     for (int j = j0; j < j1; ++j) {
       const int h = g.new_rows[j];
       fn(h, g.from_row[h], g.row[h]);
     }
   });
-  bool after_done = false;
   Run_Parallel(static_cast<int>(g.heirs.size()), [&](int j0, int j1, int) {
     for (int j = j0; j < j1; ++j) {
       const int h = g.heirs[j];
       fn(h, g.row[h], g.row[h]);
     }
-    if (j0 == 0) {
-      after_first(j1);
-      after_done = true;
-    }
   });
-  if (!after_done) after_first(0);
 }
 
 // Real AdaBoost.MH: log weights and their exponentials per training group.
@@ -602,69 +598,20 @@ void evaluate_hypothesis(struct weak_hyp* entry) {
   split_groups(&test_groups, entry->hyp, data->test_examples, data->num_train, k);
 }
 
-// The loss of the hypothesis just evaluated: its weighted error, or in real
-// AdaBoost.MH the sum Z of the updated weights exp(log weight) (which are
-// handed on by modify_distribution).
-double compute_loss(struct weak_hyp* /*entry*/, double* out_abstain, double alpha) {
+// The weighted error of the hypothesis just evaluated (discrete AdaBoost.MH
+// and AdaBoost.MR; real AdaBoost.MH finds its loss in real_round).
+double compute_loss(struct weak_hyp* /*entry*/, double* out_abstain) {
   const int m = data->num_train;
   const int k = data->num_classes;
   unsigned char** y = data->train_labels;
   double* d = distribution;
   const double* const* train_pred = train_groups.pred_of.data();
   double loss = 0.0;
-  if (loss_mode != 3) {
-    for (int i = 0; i < m; ++i)
-      for (int l = 0; l < k; ++l) {
-        const double p = train_pred[i][l];
-        loss += y[i][l] ? d[i * k + l] * (1.0 - p) : d[i * k + l] * p;
-      }
-  } else {
-    // Each group's log weights are updated on their own (on all threads);
-    // Z is summed over the examples in order. Examples before the first one
-    // of group h use only groups below h, so the thread of the first heirs
-    // starts the sum over those while the others finish their groups.
-    const example_groups& g = train_groups;
-    const size_t rows = static_cast<size_t>(g.count) * k;
-    const size_t limit = static_cast<size_t>(m) * k;
-    size_rows(&group_log, rows, limit);
-    size_rows(&group_exp, rows, limit);
-    const bool pending = log_z_pending;
-    const double lz = pending_log_z;
-    const int* of = g.of.data();
-    const int* row_of = g.row.data();
-    const double* exps = group_exp.data();
-    int summed = 0;
-    auto add_to_z = [&](int i0, int i1) {
-      double z = loss;
-      for (int i = i0; i < i1; ++i) {
-        const double* row = exps + static_cast<size_t>(row_of[of[i]]) * k;
-        for (int l = 0; l < k; ++l) z += row[l];
-      }
-      loss = z;
-    };
-    for_each_split_group(
-        g,
-        [&](int h, int from, int to) {
-          const double* old = &group_log[static_cast<size_t>(from) * k];
-          double* ld = &group_log[static_cast<size_t>(to) * k];
-          double* e = &group_exp[static_cast<size_t>(to) * k];
-          const double* p = g.pred[h];
-          const unsigned char* yh = &g.labels[static_cast<size_t>(g.first[h]) * k];
-          for (int l = 0; l < k; ++l) {
-            double v = old[l];
-            if (pending) v -= lz;
-            v = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
-            ld[l] = v;
-            e[l] = exp(v);
-          }
-        },
-        [&](int end) {
-          summed = end < static_cast<int>(g.heirs.size()) ? g.first[g.heirs[end]] : m;
-          add_to_z(0, summed);
-        });
-    add_to_z(summed, m);
-    log_z_pending = false;
-  }
+  for (int i = 0; i < m; ++i)
+    for (int l = 0; l < k; ++l) {
+      const double p = train_pred[i][l];
+      loss += y[i][l] ? d[i * k + l] * (1.0 - p) : d[i * k + l] * p;
+    }
   *out_abstain = 0.0;
   if (loss_mode == 1) {
     double abstain = 0.0;
@@ -866,30 +813,169 @@ void example_error(const double* sums, const unsigned char* y, double* wrong,
   *wrong = w;
 }
 
-// Adds the newest hypothesis's predictions into every group's score sums,
-// and with `errors` finds each group's error and margin for the report.
-void update_group_sums(example_groups* g, const struct weak_hyp* entry, bool errors) {
+// Sizes a set's rows of score sums (and with `errors` its errors and
+// margins) for the groups of the last split.
+void size_group_sums(example_groups* g, bool errors) {
   const int k = data->num_classes;
   size_rows(&g->sums, static_cast<size_t>(g->count) * k, static_cast<size_t>(g->n) * k);
   if (errors) {
     g->wrong.resize(g->count);
     g->margin.resize(g->count);
   }
-  for_each_split_group(
-      *g,
-      [&](int h, int from, int to) {
-        double* sums = &g->sums[static_cast<size_t>(to) * k];
-        add_prediction(entry, &g->sums[static_cast<size_t>(from) * k], g->pred[h], sums, k);
-        if (errors)
-          example_error(sums, &g->labels[static_cast<size_t>(g->first[h]) * k], &g->wrong[h],
-                        &g->margin[h]);
-      },
-      [](int) {});
 }
 
+// Adds the newest hypothesis's predictions into group h's score sums (row
+// `from` into row `to`), and with `errors` finds its error and margin.
+void update_sums_row(example_groups* g, const struct weak_hyp* entry, bool errors, int h,
+                     int from, int to) {
+  const int k = data->num_classes;
+  double* sums = &g->sums[static_cast<size_t>(to) * k];
+  add_prediction(entry, &g->sums[static_cast<size_t>(from) * k], g->pred[h], sums, k);
+  if (errors)
+    example_error(sums, &g->labels[static_cast<size_t>(g->first[h]) * k], &g->wrong[h],
+                  &g->margin[h]);
+}
+
+// Adds the newest hypothesis's predictions into every group's score sums,
+// and with `errors` finds each group's error and margin for the report.
 void update_weak_hyp_sums(struct weak_hyp* entry, bool errors) {
-  update_group_sums(&train_groups, entry, errors);
-  update_group_sums(&test_groups, entry, errors);
+  for (example_groups* g : {&train_groups, &test_groups}) {
+    size_group_sums(g, errors);
+    for_each_split_group(*g, [&](int h, int from, int to) {
+      update_sums_row(g, entry, errors, h, from, to);
+    });
+  }
+}
+
+// Real AdaBoost.MH: training group h's log weights after the newest
+// hypothesis (weighted alpha), from row `from` into row `to`, and their
+// exponentials.
+void update_log_row(int h, int from, int to, double alpha) {
+  const example_groups& g = train_groups;
+  const int k = data->num_classes;
+  const double* old = &group_log[static_cast<size_t>(from) * k];
+  double* ld = &group_log[static_cast<size_t>(to) * k];
+  double* e = &group_exp[static_cast<size_t>(to) * k];
+  const double* p = g.pred[h];
+  const unsigned char* yh = &g.labels[static_cast<size_t>(g.first[h]) * k];
+  const bool pending = log_z_pending;
+  const double lz = pending_log_z;
+  for (int l = 0; l < k; ++l) {
+    double v = old[l];
+    if (pending) v -= lz;
+    v = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
+    ld[l] = v;
+    e[l] = exp(v);
+  }
+}
+
+// One round of real AdaBoost.MH after the split: every training group's
+// log weights and their exponentials, the score sums of both sets (with
+// errors and margins for a report), and the returned loss Z, the sum of
+// the new weights exp(log weight) over the examples in order (handed on by
+// modify_distribution).
+//
+// A real AdaBoost.MH hypothesis's weight never depends on its loss, so the
+// score sums need not wait for Z, whose additions must run one after the
+// other. The groups with new rows go first (they read rows that their
+// heirs then overwrite). Then the thread that runs index 0 updates the
+// heirs' log weights chunk by chunk from the front and adds each chunk's
+// examples into Z straight after, while their rows are still in its cache
+// (examples before the first one of group h belong to groups below h). The
+// other threads update the heirs' score sums and then take log-weight
+// chunks from the back; where the two ends meet, the Z thread waits for
+// the chunks it did not take, then joins the score sums. Every group's
+// values are its own, so however the chunks fall, the results are the same
+// to the bit.
+double real_round(const struct weak_hyp* entry, double alpha, bool errors) {
+  example_groups* train = &train_groups;
+  example_groups* test = &test_groups;
+  const int m = train->n;
+  const int k = data->num_classes;
+  const size_t limit = static_cast<size_t>(m) * k;
+  size_rows(&group_log, static_cast<size_t>(train->count) * k, limit);
+  size_rows(&group_exp, static_cast<size_t>(train->count) * k, limit);
+  size_group_sums(train, errors);
+  size_group_sums(test, errors);
+
+  const int new_train = static_cast<int>(train->new_rows.size());
+  const int new_test = static_cast<int>(test->new_rows.size());
+  Run_Parallel(new_train + new_test, [&](int j0, int j1, int) {
+    for (int j = j0; j < j1; ++j) {
+      example_groups* g = j < new_train ? train : test;
+      const int h = g->new_rows[j < new_train ? j : j - new_train];
+      if (g == train) update_log_row(h, g->from_row[h], g->row[h], alpha);
+      update_sums_row(g, entry, errors, h, g->from_row[h], g->row[h]);
+    }
+  });
+
+  constexpr int kLogChunk = 64, kSumsChunk = 128;
+  const int heirs = static_cast<int>(train->heirs.size());
+  const int test_heirs = static_cast<int>(test->heirs.size());
+  const int log_chunks = (heirs + kLogChunk - 1) / kLogChunk;
+  const int sums_chunks = (heirs + test_heirs + kSumsChunk - 1) / kSumsChunk;
+  // Each chunk of heirs' log weights: 0 free, 1 taken, 2 done.
+  std::unique_ptr<std::atomic<int>[]> state(new std::atomic<int>[log_chunks + 1]);
+  for (int c = 0; c < log_chunks; ++c) state[c].store(0, std::memory_order_relaxed);
+  auto take = [&](int c) {
+    int free = 0;
+    return state[c].compare_exchange_strong(free, 1, std::memory_order_relaxed);
+  };
+  std::atomic<int> next_back{log_chunks}, next_sums{0};
+  auto log_chunk = [&](int c) {
+    const int end = std::min(heirs, (c + 1) * kLogChunk);
+    for (int j = c * kLogChunk; j < end; ++j) {
+      const int h = train->heirs[j];
+      update_log_row(h, train->row[h], train->row[h], alpha);
+    }
+    state[c].store(2, std::memory_order_release);
+  };
+  auto sums_chunks_left = [&] {
+    for (int c; (c = next_sums.fetch_add(1, std::memory_order_relaxed)) < sums_chunks;) {
+      const int end = std::min(heirs + test_heirs, (c + 1) * kSumsChunk);
+      for (int j = c * kSumsChunk; j < end; ++j) {
+        example_groups* g = j < heirs ? train : test;
+        const int h = g->heirs[j < heirs ? j : j - heirs];
+        update_sums_row(g, entry, errors, h, g->row[h], g->row[h]);
+      }
+    }
+  };
+  double z = 0.0;
+  // Far more indices than threads, so that every thread gets a share and
+  // one share starts at index 0.
+  Run_Parallel(1 << 16, [&](int j0, int, int) {
+    if (j0 != 0) {
+      sums_chunks_left();
+      for (int c; (c = next_back.fetch_sub(1, std::memory_order_relaxed) - 1) >= 0;) {
+        if (!take(c)) break;
+        log_chunk(c);
+      }
+      return;
+    }
+    const int* of = train->of.data();
+    const int* row_of = train->row.data();
+    const double* exps = group_exp.data();
+    double sum = 0.0;
+    bool front = true;
+    for (int c = 0, i = 0; c < log_chunks; ++c) {
+      if (front && take(c)) {
+        log_chunk(c);
+      } else {
+        front = false;
+        for (int spins = 0; state[c].load(std::memory_order_acquire) != 2; ++spins)
+          if (spins > 64) std::this_thread::yield();
+      }
+      const int to = c + 1 < log_chunks ? train->first[train->heirs[(c + 1) * kLogChunk]] : m;
+      for (; i < to; ++i) {
+        const double* row = exps + static_cast<size_t>(row_of[of[i]]) * k;
+        for (int l = 0; l < k; ++l) sum += row[l];
+      }
+    }
+    z = sum;
+    sums_chunks_left();
+  });
+  log_z_pending = false;
+  return z;
 }
 
 // The error totals of a set from its groups' errors, added in example
@@ -1036,10 +1122,16 @@ void boost() {
       alpha = 1.0;
     }
     evaluate_hypothesis(entry);
+    // Real AdaBoost.MH weighs every new hypothesis 1 whatever its loss
+    // (-z, which weighs by the loss, also selects the discrete loss), so it
+    // finds its loss in the pass that updates the score sums.
+    const bool real = loss_mode == 3;
     double abstain = 0.0;
-    const double err = compute_loss(entry, &abstain, alpha);
+    double err = real ? 0.0 : compute_loss(entry, &abstain);
     if (t >= n_stored) {
-      if (diff_wts_mode && err == 0.0) {
+      if (real) {
+        entry->weight = 1.0;
+      } else if (diff_wts_mode && err == 0.0) {
         entry->weight = 1.0;
         num_trials = t + 1;
         first_nonzero_wt = t;
@@ -1054,17 +1146,20 @@ void boost() {
       }
     }
     if (entry->weight != 0.0 && first_nonzero_wt < 0) first_nonzero_wt = t;
-    if (loss_mode == 3)
-      bound = bound * err;
-    else
-      bound = bound * (abstain + 2 * sqrt((1.0 - err - abstain / 2) * (err - abstain / 2)));
     num_weak_hyps = t + 1;
     total_wh_wt += entry->weight;
 
     const int r = t - (n_stored - 1);
     const bool report =
         t == num_trials - 1 || (display_hyp_freq != 0 && r % display_hyp_freq == 0);
-    update_weak_hyp_sums(entry, report);
+    if (real)
+      err = real_round(entry, alpha, report);
+    else
+      update_weak_hyp_sums(entry, report);
+    if (loss_mode == 3)
+      bound = bound * err;
+    else
+      bound = bound * (abstain + 2 * sqrt((1.0 - err - abstain / 2) * (err - abstain / 2)));
     if (report) {
       printf("rnd %4d: wh-err= %lf  th-err= %lf  ", r, err, bound);
       display_strong_hyp();
