@@ -5,13 +5,19 @@
 #include "boost.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <memory>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
+
+#include <immintrin.h>
 
 #include "die.h"
 #include "optscan.h"
@@ -70,6 +76,7 @@ struct example_groups {
   int n = 0;                           // examples of the set
   int count = 0;                       // groups (and rows)
   std::vector<int> of;                 // group of each example
+  std::vector<unsigned char> labels;   // each example's k label bytes, in one block
   std::vector<int> first;              // first example of each group
   std::vector<int> row;                // row of each group
   std::vector<int> from_row;           // row it was split from (its own for heirs)
@@ -88,28 +95,21 @@ example_groups train_groups, test_groups;
 
 // Runs fn(h, from, to) for every group of the last split, on all threads:
 // first the groups with new rows, then the heirs (from == to), so that an
-// old row is read before it is overwritten. After_first(end) is called on
-// the thread of the first heirs once every group below heirs[end] is done.
-template <typename Fn, typename After>
-void for_each_split_group(const example_groups& g, const Fn& fn, const After& after_first) {
+// old row is read before it is overwritten.
+template <typename Fn>
+void for_each_split_group(const example_groups& g, const Fn& fn) {
   Run_Parallel(static_cast<int>(g.new_rows.size()), [&](int j0, int j1, int) {
     for (int j = j0; j < j1; ++j) {
       const int h = g.new_rows[j];
       fn(h, g.from_row[h], g.row[h]);
     }
   });
-  bool after_done = false;
   Run_Parallel(static_cast<int>(g.heirs.size()), [&](int j0, int j1, int) {
     for (int j = j0; j < j1; ++j) {
       const int h = g.heirs[j];
       fn(h, g.row[h], g.row[h]);
     }
-    if (j0 == 0) {
-      after_first(j1);
-      after_done = true;
-    }
   });
-  if (!after_done) after_first(0);
 }
 
 // Real AdaBoost.MH: log weights and their exponentials per training group.
@@ -180,10 +180,11 @@ void call_weak_learner(struct weak_hyp* entry) {
 }
 
 // Sizes a buffer of group rows to `size` doubles. Groups only ever split,
-// up to one per example (`limit` doubles), so a buffer grows by at most a
-// quarter beyond what is asked rather than doubling.
+// up to one per example (`limit` doubles), so the buffer is given room for
+// that many at once: the rows are never copied as the groups multiply, and
+// the pages beyond the rows in use are never touched.
 void size_rows(std::vector<double>* v, size_t size, size_t limit) {
-  if (v->capacity() < size) v->reserve(std::min(limit, size + size / 4));
+  if (v->capacity() < limit) v->reserve(limit);
   v->resize(size);
 }
 
@@ -192,6 +193,11 @@ void init_groups(example_groups* g, int n, unsigned char** labels, int k) {
   g->n = n;
   g->of.assign(n, 0);
   g->pred_of.assign(n, nullptr);
+  // The examples' own label vectors lie scattered between their texts; the
+  // per-group loops read them in example order from one block instead.
+  g->labels.resize(static_cast<size_t>(n) * k);
+  for (int i = 0; i < n; ++i)
+    if (k > 0) memcpy(&g->labels[static_cast<size_t>(i) * k], labels[i], k);
   g->first.clear();
   std::unordered_map<std::string, int> seen;
   for (int i = 0; i < n; ++i) {
@@ -592,69 +598,20 @@ void evaluate_hypothesis(struct weak_hyp* entry) {
   split_groups(&test_groups, entry->hyp, data->test_examples, data->num_train, k);
 }
 
-// The loss of the hypothesis just evaluated: its weighted error, or in real
-// AdaBoost.MH the sum Z of the updated weights exp(log weight) (which are
-// handed on by modify_distribution).
-double compute_loss(struct weak_hyp* /*entry*/, double* out_abstain, double alpha) {
+// The weighted error of the hypothesis just evaluated (discrete AdaBoost.MH
+// and AdaBoost.MR; real AdaBoost.MH finds its loss in real_round).
+double compute_loss(struct weak_hyp* /*entry*/, double* out_abstain) {
   const int m = data->num_train;
   const int k = data->num_classes;
   unsigned char** y = data->train_labels;
   double* d = distribution;
   const double* const* train_pred = train_groups.pred_of.data();
   double loss = 0.0;
-  if (loss_mode != 3) {
-    for (int i = 0; i < m; ++i)
-      for (int l = 0; l < k; ++l) {
-        const double p = train_pred[i][l];
-        loss += y[i][l] ? d[i * k + l] * (1.0 - p) : d[i * k + l] * p;
-      }
-  } else {
-    // Each group's log weights are updated on their own (on all threads);
-    // Z is summed over the examples in order. Examples before the first one
-    // of group h use only groups below h, so the thread of the first heirs
-    // starts the sum over those while the others finish their groups.
-    const example_groups& g = train_groups;
-    const size_t rows = static_cast<size_t>(g.count) * k;
-    const size_t limit = static_cast<size_t>(m) * k;
-    size_rows(&group_log, rows, limit);
-    size_rows(&group_exp, rows, limit);
-    const bool pending = log_z_pending;
-    const double lz = pending_log_z;
-    const int* of = g.of.data();
-    const int* row_of = g.row.data();
-    const double* exps = group_exp.data();
-    int summed = 0;
-    auto add_to_z = [&](int i0, int i1) {
-      double z = loss;
-      for (int i = i0; i < i1; ++i) {
-        const double* row = exps + static_cast<size_t>(row_of[of[i]]) * k;
-        for (int l = 0; l < k; ++l) z += row[l];
-      }
-      loss = z;
-    };
-    for_each_split_group(
-        g,
-        [&](int h, int from, int to) {
-          const double* old = &group_log[static_cast<size_t>(from) * k];
-          double* ld = &group_log[static_cast<size_t>(to) * k];
-          double* e = &group_exp[static_cast<size_t>(to) * k];
-          const double* p = g.pred[h];
-          const unsigned char* yh = y[g.first[h]];
-          for (int l = 0; l < k; ++l) {
-            double v = old[l];
-            if (pending) v -= lz;
-            v = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
-            ld[l] = v;
-            e[l] = exp(v);
-          }
-        },
-        [&](int end) {
-          summed = end < static_cast<int>(g.heirs.size()) ? g.first[g.heirs[end]] : m;
-          add_to_z(0, summed);
-        });
-    add_to_z(summed, m);
-    log_z_pending = false;
-  }
+  for (int i = 0; i < m; ++i)
+    for (int l = 0; l < k; ++l) {
+      const double p = train_pred[i][l];
+      loss += y[i][l] ? d[i * k + l] * (1.0 - p) : d[i * k + l] * p;
+    }
   *out_abstain = 0.0;
   if (loss_mode == 1) {
     double abstain = 0.0;
@@ -709,6 +666,116 @@ void strong_prediction(const double* sums, double* out_margin, double* result) {
   }
 }
 
+// What one left-to-right scan of a row of scores finds: the largest score,
+// the first label holding it (`top`), how many scores equal it (`ties`, none
+// when the first is not a number), and `second`. Second starts at -10000.0,
+// takes the old largest whenever a new largest appears and any later score
+// above it otherwise; so once the top is not the first label, the -10000.0
+// floor is gone and second is simply the best of the other scores.
+struct top_scan {
+  double largest, second;
+  int top, ties;
+};
+
+top_scan scan_top_plain(const double* sums, int k) {
+  top_scan r{sums[0], -10000.0, 0, sums[0] == sums[0] ? 1 : 0};
+  for (int l = 1; l < k; ++l) {
+    const double v = sums[l];
+    if (v > r.largest) {
+      r.second = r.largest;
+      r.largest = v;
+      r.ties = 1;
+      r.top = l;
+    } else {
+      if (v > r.second) r.second = v;
+      if (v == r.largest) ++r.ties;
+    }
+  }
+  return r;
+}
+
+// The largest of eight numbers. The full-mask forms of the intrinsics are
+// used because the plain ones trip a false "may be used uninitialized"
+// warning in GCC 12.
+__attribute__((target("avx512f"), always_inline)) inline __m512d max8(__m512d a, __m512d b) {
+  return _mm512_mask_max_pd(a, 0xFF, a, b);
+}
+__attribute__((target("avx512f"), always_inline)) inline double max_of_lanes(__m512d v) {
+  v = max8(v, _mm512_mask_shuffle_f64x2(v, 0xFF, v, v, 0x4E));
+  v = max8(v, _mm512_mask_shuffle_f64x2(v, 0xFF, v, v, 0xB1));
+  v = max8(v, _mm512_mask_shuffle_pd(v, 0xFF, v, v, 0x55));
+  return _mm512_cvtsd_f64(v);
+}
+
+// The same scan, eight labels at a time, for rows without a NaN (returns
+// false for a row with one). When every score is a number, the scan's
+// largest is the row's maximum at its first position, and when it is
+// unique its second is the maximum of the other scores (with the -10000.0
+// floor kept only for a top at label 0). Only a unique top's second is
+// needed; for ties the full prediction is made. Maxima of numbers are exact,
+// and a zero's sign never changes largest - second when the top is unique,
+// so the results are the scan's to the bit.
+__attribute__((target("avx512f"))) bool scan_top_avx512(const double* sums, int k,
+                                                        top_scan* out) {
+  const __m512d floor = _mm512_set1_pd(-std::numeric_limits<double>::infinity());
+  const int full = k & ~7;
+  const __mmask8 tail = static_cast<__mmask8>((1u << (k - full)) - 1);
+  __m512d most = floor;
+  __mmask8 nan = 0;
+  for (int c = 0; c < full; c += 8) {
+    const __m512d v = _mm512_loadu_pd(sums + c);
+    nan |= _mm512_cmp_pd_mask(v, v, _CMP_UNORD_Q);
+    most = max8(most, v);
+  }
+  if (tail) {
+    const __m512d v = _mm512_mask_loadu_pd(floor, tail, sums + full);
+    nan |= _mm512_cmp_pd_mask(v, v, _CMP_UNORD_Q);
+    most = max8(most, v);
+  }
+  if (nan) return false;
+  const __m512d largest = _mm512_set1_pd(max_of_lanes(most));
+  // The first label equal to the maximum, how many are, and the maximum of
+  // the rest.
+  int top = k, ties = 0;
+  __m512d rest = floor;
+  for (int c = 0; c < full; c += 8) {
+    const __m512d v = _mm512_loadu_pd(sums + c);
+    const __mmask8 eq = _mm512_cmp_pd_mask(v, largest, _CMP_EQ_OQ);
+    const int first = eq ? c + __builtin_ctz(eq) : k;
+    top = first < top ? first : top;
+    ties += __builtin_popcount(eq);
+    rest = _mm512_mask_max_pd(rest, static_cast<__mmask8>(~eq), rest, v);
+  }
+  if (tail) {
+    const __m512d v = _mm512_mask_loadu_pd(floor, tail, sums + full);
+    const __mmask8 eq = _mm512_mask_cmp_pd_mask(tail, v, largest, _CMP_EQ_OQ);
+    const int first = eq ? full + __builtin_ctz(eq) : k;
+    top = first < top ? first : top;
+    ties += __builtin_popcount(eq);
+    rest = _mm512_mask_max_pd(rest, static_cast<__mmask8>(~eq & tail), rest, v);
+  }
+  out->top = top;
+  out->ties = ties;
+  out->largest = sums[top];
+  if (ties == 1) {
+    const double others = max_of_lanes(rest);
+    out->second = top == 0 && !(others > -10000.0) ? -10000.0 : others;
+  }
+  return true;
+}
+
+const bool has_avx512 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx512f") != 0;
+}();
+bool vector_scan = has_avx512;
+
+top_scan scan_top(const double* sums, int k) {
+  top_scan r;
+  if (vector_scan && scan_top_avx512(sums, k, &r)) return r;
+  return scan_top_plain(sums, k);
+}
+
 // One example's share of the error: `wrong`, the strong prediction's total
 // on classes the example lacks (in utility mode its utility), and its
 // margin.
@@ -717,9 +784,9 @@ void example_error(const double* sums, const unsigned char* y, double* wrong,
   const int k = data->num_classes;
   // The prediction vector, where it is needed; one per thread.
   thread_local std::vector<double> work;
-  work.resize(k < 2 ? 2 : k);
-  double* result = work.data();
   if (utility_mode) {
+    work.resize(k < 2 ? 2 : k);
+    double* result = work.data();
     const int c = carries_class1(y, k);
     strong_prediction(sums, nullptr, result);
     *wrong = add_nan_first(mul_nan_first(utility[2 * c], result[0]),
@@ -729,30 +796,16 @@ void example_error(const double* sums, const unsigned char* y, double* wrong,
   }
   if (!soft_threshold) {
     // A single top score gets the whole vote: the error is then exactly 1
-    // or 0, with no need for the prediction vector. `ties` counts the scores
-    // equal to the largest (none when the first is not a number).
-    double largest = sums[0];
-    double second = -10000.0;
-    int ties = sums[0] == sums[0] ? 1 : 0;
-    int top = 0;
-    for (int l = 1; l < k; ++l) {
-      const double v = sums[l];
-      if (v > largest) {
-        second = largest;
-        largest = v;
-        ties = 1;
-        top = l;
-      } else {
-        if (v > second) second = v;
-        if (v == largest) ++ties;
-      }
-    }
-    if (ties == 1) {
-      *wrong = y[top] ? 0.0 : 1.0;
-      *margin = (largest - second) / normaliser();
+    // or 0, with no need for the prediction vector.
+    const top_scan r = scan_top(sums, k);
+    if (r.ties == 1) {
+      *wrong = y[r.top] ? 0.0 : 1.0;
+      *margin = (r.largest - r.second) / normaliser();
       return;
     }
   }
+  work.resize(k < 2 ? 2 : k);
+  double* result = work.data();
   strong_prediction(sums, margin, result);
   double w = 0.0;
   for (int l = 0; l < k; ++l)
@@ -760,30 +813,169 @@ void example_error(const double* sums, const unsigned char* y, double* wrong,
   *wrong = w;
 }
 
-// Adds the newest hypothesis's predictions into every group's score sums,
-// and with `errors` finds each group's error and margin for the report.
-void update_group_sums(example_groups* g, unsigned char** labels,
-                       const struct weak_hyp* entry, bool errors) {
+// Sizes a set's rows of score sums (and with `errors` its errors and
+// margins) for the groups of the last split.
+void size_group_sums(example_groups* g, bool errors) {
   const int k = data->num_classes;
   size_rows(&g->sums, static_cast<size_t>(g->count) * k, static_cast<size_t>(g->n) * k);
   if (errors) {
     g->wrong.resize(g->count);
     g->margin.resize(g->count);
   }
-  for_each_split_group(
-      *g,
-      [&](int h, int from, int to) {
-        double* sums = &g->sums[static_cast<size_t>(to) * k];
-        add_prediction(entry, &g->sums[static_cast<size_t>(from) * k], g->pred[h], sums, k);
-        if (errors)
-          example_error(sums, labels[g->first[h]], &g->wrong[h], &g->margin[h]);
-      },
-      [](int) {});
 }
 
+// Adds the newest hypothesis's predictions into group h's score sums (row
+// `from` into row `to`), and with `errors` finds its error and margin.
+void update_sums_row(example_groups* g, const struct weak_hyp* entry, bool errors, int h,
+                     int from, int to) {
+  const int k = data->num_classes;
+  double* sums = &g->sums[static_cast<size_t>(to) * k];
+  add_prediction(entry, &g->sums[static_cast<size_t>(from) * k], g->pred[h], sums, k);
+  if (errors)
+    example_error(sums, &g->labels[static_cast<size_t>(g->first[h]) * k], &g->wrong[h],
+                  &g->margin[h]);
+}
+
+// Adds the newest hypothesis's predictions into every group's score sums,
+// and with `errors` finds each group's error and margin for the report.
 void update_weak_hyp_sums(struct weak_hyp* entry, bool errors) {
-  update_group_sums(&train_groups, data->train_labels, entry, errors);
-  update_group_sums(&test_groups, data->test_labels, entry, errors);
+  for (example_groups* g : {&train_groups, &test_groups}) {
+    size_group_sums(g, errors);
+    for_each_split_group(*g, [&](int h, int from, int to) {
+      update_sums_row(g, entry, errors, h, from, to);
+    });
+  }
+}
+
+// Real AdaBoost.MH: training group h's log weights after the newest
+// hypothesis (weighted alpha), from row `from` into row `to`, and their
+// exponentials.
+void update_log_row(int h, int from, int to, double alpha) {
+  const example_groups& g = train_groups;
+  const int k = data->num_classes;
+  const double* old = &group_log[static_cast<size_t>(from) * k];
+  double* ld = &group_log[static_cast<size_t>(to) * k];
+  double* e = &group_exp[static_cast<size_t>(to) * k];
+  const double* p = g.pred[h];
+  const unsigned char* yh = &g.labels[static_cast<size_t>(g.first[h]) * k];
+  const bool pending = log_z_pending;
+  const double lz = pending_log_z;
+  for (int l = 0; l < k; ++l) {
+    double v = old[l];
+    if (pending) v -= lz;
+    v = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
+    ld[l] = v;
+    e[l] = exp(v);
+  }
+}
+
+// One round of real AdaBoost.MH after the split: every training group's
+// log weights and their exponentials, the score sums of both sets (with
+// errors and margins for a report), and the returned loss Z, the sum of
+// the new weights exp(log weight) over the examples in order (handed on by
+// modify_distribution).
+//
+// A real AdaBoost.MH hypothesis's weight never depends on its loss, so the
+// score sums need not wait for Z, whose additions must run one after the
+// other. The groups with new rows go first (they read rows that their
+// heirs then overwrite). Then the thread that runs index 0 updates the
+// heirs' log weights chunk by chunk from the front and adds each chunk's
+// examples into Z straight after, while their rows are still in its cache
+// (examples before the first one of group h belong to groups below h). The
+// other threads update the heirs' score sums and then take log-weight
+// chunks from the back; where the two ends meet, the Z thread waits for
+// the chunks it did not take, then joins the score sums. Every group's
+// values are its own, so however the chunks fall, the results are the same
+// to the bit.
+double real_round(const struct weak_hyp* entry, double alpha, bool errors) {
+  example_groups* train = &train_groups;
+  example_groups* test = &test_groups;
+  const int m = train->n;
+  const int k = data->num_classes;
+  const size_t limit = static_cast<size_t>(m) * k;
+  size_rows(&group_log, static_cast<size_t>(train->count) * k, limit);
+  size_rows(&group_exp, static_cast<size_t>(train->count) * k, limit);
+  size_group_sums(train, errors);
+  size_group_sums(test, errors);
+
+  const int new_train = static_cast<int>(train->new_rows.size());
+  const int new_test = static_cast<int>(test->new_rows.size());
+  Run_Parallel(new_train + new_test, [&](int j0, int j1, int) {
+    for (int j = j0; j < j1; ++j) {
+      example_groups* g = j < new_train ? train : test;
+      const int h = g->new_rows[j < new_train ? j : j - new_train];
+      if (g == train) update_log_row(h, g->from_row[h], g->row[h], alpha);
+      update_sums_row(g, entry, errors, h, g->from_row[h], g->row[h]);
+    }
+  });
+
+  constexpr int kLogChunk = 64, kSumsChunk = 128;
+  const int heirs = static_cast<int>(train->heirs.size());
+  const int test_heirs = static_cast<int>(test->heirs.size());
+  const int log_chunks = (heirs + kLogChunk - 1) / kLogChunk;
+  const int sums_chunks = (heirs + test_heirs + kSumsChunk - 1) / kSumsChunk;
+  // Each chunk of heirs' log weights: 0 free, 1 taken, 2 done.
+  std::unique_ptr<std::atomic<int>[]> state(new std::atomic<int>[log_chunks + 1]);
+  for (int c = 0; c < log_chunks; ++c) state[c].store(0, std::memory_order_relaxed);
+  auto take = [&](int c) {
+    int free = 0;
+    return state[c].compare_exchange_strong(free, 1, std::memory_order_relaxed);
+  };
+  std::atomic<int> next_back{log_chunks}, next_sums{0};
+  auto log_chunk = [&](int c) {
+    const int end = std::min(heirs, (c + 1) * kLogChunk);
+    for (int j = c * kLogChunk; j < end; ++j) {
+      const int h = train->heirs[j];
+      update_log_row(h, train->row[h], train->row[h], alpha);
+    }
+    state[c].store(2, std::memory_order_release);
+  };
+  auto sums_chunks_left = [&] {
+    for (int c; (c = next_sums.fetch_add(1, std::memory_order_relaxed)) < sums_chunks;) {
+      const int end = std::min(heirs + test_heirs, (c + 1) * kSumsChunk);
+      for (int j = c * kSumsChunk; j < end; ++j) {
+        example_groups* g = j < heirs ? train : test;
+        const int h = g->heirs[j < heirs ? j : j - heirs];
+        update_sums_row(g, entry, errors, h, g->row[h], g->row[h]);
+      }
+    }
+  };
+  double z = 0.0;
+  // Far more indices than threads, so that every thread gets a share and
+  // one share starts at index 0.
+  Run_Parallel(1 << 16, [&](int j0, int, int) {
+    if (j0 != 0) {
+      sums_chunks_left();
+      for (int c; (c = next_back.fetch_sub(1, std::memory_order_relaxed) - 1) >= 0;) {
+        if (!take(c)) break;
+        log_chunk(c);
+      }
+      return;
+    }
+    const int* of = train->of.data();
+    const int* row_of = train->row.data();
+    const double* exps = group_exp.data();
+    double sum = 0.0;
+    bool front = true;
+    for (int c = 0, i = 0; c < log_chunks; ++c) {
+      if (front && take(c)) {
+        log_chunk(c);
+      } else {
+        front = false;
+        for (int spins = 0; state[c].load(std::memory_order_acquire) != 2; ++spins)
+          if (spins > 64) std::this_thread::yield();
+      }
+      const int to = c + 1 < log_chunks ? train->first[train->heirs[(c + 1) * kLogChunk]] : m;
+      for (; i < to; ++i) {
+        const double* row = exps + static_cast<size_t>(row_of[of[i]]) * k;
+        for (int l = 0; l < k; ++l) sum += row[l];
+      }
+    }
+    z = sum;
+    sums_chunks_left();
+  });
+  log_z_pending = false;
+  return z;
 }
 
 // The error totals of a set from its groups' errors, added in example
@@ -813,6 +1005,18 @@ void set_error(const example_groups& g, double* out_err, double* out_rej_err,
 }
 
 }  // namespace
+
+// For tests, which declare these themselves: one example's error and
+// margin as the report finds them, and a switch to the sequential scan of a
+// row's top scores even where the vector scan runs (returns whether this
+// processor has the vector scan).
+void Example_Error(const double* sums, const unsigned char* y, double* wrong, double* margin) {
+  example_error(sums, y, wrong, margin);
+}
+bool Use_Sequential_Top_Scan(bool sequential) {
+  vector_scan = has_avx512 && !sequential;
+  return has_avx512;
+}
 
 double* eval_strong_hyp(double* sums, double* out_margin) {
   static double* result = nullptr;
@@ -918,10 +1122,16 @@ void boost() {
       alpha = 1.0;
     }
     evaluate_hypothesis(entry);
+    // Real AdaBoost.MH weighs every new hypothesis 1 whatever its loss
+    // (-z, which weighs by the loss, also selects the discrete loss), so it
+    // finds its loss in the pass that updates the score sums.
+    const bool real = loss_mode == 3;
     double abstain = 0.0;
-    const double err = compute_loss(entry, &abstain, alpha);
+    double err = real ? 0.0 : compute_loss(entry, &abstain);
     if (t >= n_stored) {
-      if (diff_wts_mode && err == 0.0) {
+      if (real) {
+        entry->weight = 1.0;
+      } else if (diff_wts_mode && err == 0.0) {
         entry->weight = 1.0;
         num_trials = t + 1;
         first_nonzero_wt = t;
@@ -936,17 +1146,20 @@ void boost() {
       }
     }
     if (entry->weight != 0.0 && first_nonzero_wt < 0) first_nonzero_wt = t;
-    if (loss_mode == 3)
-      bound = bound * err;
-    else
-      bound = bound * (abstain + 2 * sqrt((1.0 - err - abstain / 2) * (err - abstain / 2)));
     num_weak_hyps = t + 1;
     total_wh_wt += entry->weight;
 
     const int r = t - (n_stored - 1);
     const bool report =
         t == num_trials - 1 || (display_hyp_freq != 0 && r % display_hyp_freq == 0);
-    update_weak_hyp_sums(entry, report);
+    if (real)
+      err = real_round(entry, alpha, report);
+    else
+      update_weak_hyp_sums(entry, report);
+    if (loss_mode == 3)
+      bound = bound * err;
+    else
+      bound = bound * (abstain + 2 * sqrt((1.0 - err - abstain / 2) * (err - abstain / 2)));
     if (report) {
       printf("rnd %4d: wh-err= %lf  th-err= %lf  ", r, err, bound);
       display_strong_hyp();

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,9 @@
 #include "boost.h"
 #include "optscan.h"
 #include "weak_learn.h"
+
+void Example_Error(const double* sums, const unsigned char* y, double* wrong, double* margin);
+bool Use_Sequential_Top_Scan(bool sequential);
 
 namespace {
 
@@ -213,6 +217,48 @@ TEST_F(BoostEvalTest, ErrorOfATopScoreMatchesTheFullPrediction) {
   }
   soft_threshold = 0;
   reject_threshold = 0.0;
+}
+
+// The vector scan of a row's top scores against the sequential one, on rows
+// drawn from a few values so that ties, equal values, zeros of both signs,
+// infinities, NaNs and scores around and below the -10000 floor are common,
+// for row lengths around the eight-lane blocks.
+TEST(TopScanTest, VectorScanGivesTheSequentialErrorAndMargin) {
+  if (!Use_Sequential_Top_Scan(false)) GTEST_SKIP() << "no vector scan on this processor";
+  const double nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
+  const double pool[] = {-20000, -10000, -10000.5, -9999, -1, -0.0, 0.0, 0.5, 1, 2, inf, -inf};
+  example_data fake{};
+  example_data* saved = data;
+  data = &fake;
+  num_weak_hyps = 3;
+  std::mt19937 rng(7);
+  for (int k : {1, 2, 3, 7, 8, 9, 15, 16, 17, 52, 70}) {
+    fake.num_classes = k;
+    for (int trial = 0; trial < 3000; ++trial) {
+      std::vector<double> row(k);
+      std::vector<unsigned char> y(k);
+      // Few distinct values in some rows (many ties), many in others.
+      const int spread = 1 + trial % 12;
+      for (int l = 0; l < k; ++l) {
+        row[l] = pool[rng() % spread];
+        y[l] = rng() % 3 == 0;
+      }
+      if (trial % 4 == 1) row[rng() % k] = 3.0 + trial;  // one clear top anywhere
+      if (trial % 4 == 2) row[0] = 1e6;                   // the top first
+      if (trial % 97 == 0) row[rng() % k] = nan;
+      double wrong[2], margin[2];
+      for (int sequential = 0; sequential < 2; ++sequential) {
+        Use_Sequential_Top_Scan(sequential != 0);
+        Example_Error(row.data(), y.data(), &wrong[sequential], &margin[sequential]);
+      }
+      std::string text;
+      for (double v : row) text += std::to_string(v) + " ";
+      EXPECT_TRUE(SameBits(wrong[0], wrong[1])) << "k " << k << ": " << text;
+      EXPECT_TRUE(SameBits(margin[0], margin[1])) << "k " << k << ": " << text;
+    }
+  }
+  Use_Sequential_Top_Scan(false);
+  data = saved;
 }
 
 // Replays the chosen hypotheses one (example, label) pair at a time: the
