@@ -1006,10 +1006,6 @@ void set_error(const example_groups& g, double* out_err, double* out_rej_err,
 
 }  // namespace
 
-// For tests, which declare these themselves: one example's error and
-// margin as the report finds them, and a switch to the sequential scan of a
-// row's top scores even where the vector scan runs (returns whether this
-// processor has the vector scan).
 void Example_Error(const double* sums, const unsigned char* y, double* wrong, double* margin) {
   example_error(sums, y, wrong, margin);
 }

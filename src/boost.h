@@ -46,4 +46,11 @@ void output_preds(int n, example** instances, unsigned char** labels,
 double* Distribution();
 double** Train_Sums();
 
+/// One example's error and margin as the report finds them (for tests).
+void Example_Error(const double* sums, const unsigned char* y, double* wrong, double* margin);
+/// With `sequential`, rows' top scores are found by the scalar loop even
+/// where the vector scan runs; returns whether this processor has the
+/// vector scan (for tests).
+bool Use_Sequential_Top_Scan(bool sequential);
+
 #endif  // MHBOOST_BOOST_H_

@@ -22,9 +22,6 @@
 #include "optscan.h"
 #include "weak_learn.h"
 
-void Example_Error(const double* sums, const unsigned char* y, double* wrong, double* margin);
-bool Use_Sequential_Top_Scan(bool sequential);
-
 namespace {
 
 class BoostEvalTest : public ::testing::Test {
