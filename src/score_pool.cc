@@ -210,18 +210,19 @@ struct Piece {
   int slot, length;
   int offset;   // of its first row index in its group's piece_rows
   bool fresh;   // the first piece of its list: the sums start at zero
+  uint8_t carried_part;  // the lane part that adds its carried labels
 };
 
 void add_carried(double* __restrict out, size_t two_k, const Piece* pieces, size_t npieces,
-                 const int* __restrict flat, int k);
+                 const int* __restrict flat, int part, int k);
 
 // Adds rows of `rows` (row_stride lanes) into lanes [c0, c1) of the sums
 // at `out` + slot * two_k, piece after piece; c0 is a multiple of eight.
 // With carried_out, also the carried labels' sums (see add_carried).
 void add_rows_plain(double* __restrict out, size_t two_k, const double* __restrict rows,
                     const Piece* pieces, size_t npieces, size_t /*far_end*/, const int* flat,
-                    int c1, int c0, double* carried_out, int k) {
-  if (carried_out != nullptr) add_carried(carried_out, two_k, pieces, npieces, flat, k);
+                    int c1, int c0, double* carried_out, int carried_part, int k) {
+  if (carried_out != nullptr) add_carried(carried_out, two_k, pieces, npieces, flat, carried_part, k);
   for (size_t q = 0; q < npieces; ++q) {
     const Piece& p = pieces[q];
     double* a = out + p.slot * two_k;
@@ -240,7 +241,7 @@ template <int V, bool Carried>
 __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pass(
     double* __restrict out, size_t two_k, const double* __restrict rows, const Piece* pieces,
     size_t npieces, size_t far_end, const int* __restrict flat, int total, int c1, int c,
-    double* __restrict carried_out, int k) {
+    double* __restrict carried_out, int carried_part, int k) {
   const int* first = carried_first.data();
   const int* label = carried_label.data();
   const double* weight = carried_weight.data();
@@ -258,8 +259,9 @@ __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pa
 #pragma GCC unroll 8
     for (int v = 0; v < V; ++v)
       s[v] = p.fresh ? _mm512_setzero_pd() : _mm512_maskz_loadu_pd(lanes[v], a + 8 * v);
-    double* a1 = Carried ? carried_out + p.slot * two_k : nullptr;
-    if (Carried && p.fresh)
+    const bool carried = Carried && p.carried_part == carried_part;
+    double* a1 = carried ? carried_out + p.slot * two_k : nullptr;
+    if (carried && p.fresh)
       for (int l = 0; l < k; ++l) a1[l] = 0.0;
     const int* list = flat + p.offset;
     const int ahead_end = total - p.offset;
@@ -282,7 +284,7 @@ __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pa
       const double* row = rows + static_cast<size_t>(list[j]) * stride + c;
 #pragma GCC unroll 8
       for (int v = 0; v < V; ++v) s[v] = _mm512_add_pd(s[v], _mm512_load_pd(row + 8 * v));
-      if (Carried) {
+      if (carried) {
         const int i = list[j];
         for (int r = first[i]; r < first[i + 1]; ++r) a1[label[r]] += weight[r];
       }
@@ -296,7 +298,8 @@ __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, 
                                                        const double* __restrict rows,
                                                        const Piece* pieces, size_t npieces,
                                                        size_t far_end, const int* flat, int c1,
-                                                       int c0, double* carried_out, int k) {
+                                                       int c0, double* carried_out,
+                                                       int carried_part, int k) {
   const int total = npieces == 0 ? 0 : pieces[npieces - 1].offset + pieces[npieces - 1].length;
   // Passes of at most 64 lanes, each with as many vectors as it has groups
   // of eight lanes.
@@ -307,11 +310,11 @@ __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, 
 #define MHB_PASS(V)                                                                       \
   case V:                                                                                 \
     add_rows_avx512_pass<V, false>(out, two_k, rows, pieces, npieces, far_end, flat, total, c1, c, \
-                                   carried_out, k);                                       \
+                                   carried_out, carried_part, k);                         \
     break;                                                                                \
   case V + 8:                                                                             \
     add_rows_avx512_pass<V, true>(out, two_k, rows, pieces, npieces, far_end, flat, total, c1, c,  \
-                                  carried_out, k);                                        \
+                                  carried_out, carried_part, k);                          \
     break;
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
       MHB_PASS(8)
@@ -321,17 +324,19 @@ __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, 
 }
 
 using add_rows_fn = void (*)(double* __restrict, size_t, const double* __restrict, const Piece*,
-                             size_t, size_t, const int*, int, int, double*, int);
+                             size_t, size_t, const int*, int, int, double*, int, int);
 add_rows_fn add_rows = add_rows_plain;
 
-// The carried-label sums from the per-example lists of carried labels.
+// The carried-label sums, from the per-example lists of carried labels, of
+// the pieces whose carried labels lane part `part` adds.
 void add_carried(double* __restrict out, size_t two_k, const Piece* pieces, size_t npieces,
-                 const int* __restrict flat, int k) {
+                 const int* __restrict flat, int part, int k) {
   const int* first = carried_first.data();
   const int* label = carried_label.data();
   const double* weight = carried_weight.data();
   for (size_t q = 0; q < npieces; ++q) {
     const Piece& p = pieces[q];
+    if (p.carried_part != part) continue;
     double* a = out + p.slot * two_k;
     if (p.fresh)
       for (int l = 0; l < k; ++l) a[l] = 0.0;
@@ -487,7 +492,11 @@ void choose_kernels() {
 // even when a few lists hold most of the occurrences.
 int groups_per_block = 1;
 int lane_parts = 1;
-int lane_units = 1;    // vectors of absent lanes, plus the carried part(s)
+int lane_units = 1;    // vectors of absent lanes, and of carried rows if dense
+// Carried labels added one by one are shared among the parts by slot, so
+// that parts with fewer vectors take more of them: the part of a slot is
+// the first p with carried_share[p] > the slot's hash fraction.
+std::vector<double> carried_share;
 int absent_units = 1;  // vectors of absent lanes
 
 // Lists at least this long are summed a band of rows at a time, all of a
@@ -511,6 +520,16 @@ std::vector<Slot_Group> slot_groups;
 std::vector<Piece> all_pieces;
 std::vector<int> piece_rows;
 
+// The lane part that adds slot s's carried labels (see carried_share).
+uint8_t carried_part_of(int s) {
+  const double golden = 0.6180339887498949;
+  const double x = static_cast<double>(s + 1) * golden;
+  const double frac = x - std::floor(x);
+  int p = 0;
+  while (p + 1 < lane_parts && !(carried_share[p] > frac)) ++p;
+  return static_cast<uint8_t>(p);
+}
+
 // Lays out the pieces of the slots [s0, s1) of the block starting at slot
 // `base` as one group.
 void lay_out_group(int base, int s0, int s1) {
@@ -522,7 +541,7 @@ void lay_out_group(int base, int s0, int s1) {
       fprintf(stderr, "Too many occurrences in one block of rules\n");
       Exit_Run(1);
     }
-    all_pieces.push_back(Piece{slot, length, static_cast<int>(offset), fresh});
+    all_pieces.push_back(Piece{slot, length, static_cast<int>(offset), fresh, carried_part_of(slot)});
     piece_rows.insert(piece_rows.end(), list, list + length);
   };
   std::vector<int> longs;
@@ -574,18 +593,19 @@ void sum_block(const Term_Block& blk, int k) {
       const size_t npieces = g.piece_end - g.piece_begin;
       const size_t far_end = g.banded_begin - g.piece_begin;
       const int* rows = &piece_rows[g.rows_base];
-      // Absent-label vectors [u0, u1) and, beyond them, the carried part.
+      // Absent-label vectors [u0, u1), beyond them the carried rows' vectors
+      // (dense), or the carried labels of the pieces this part takes.
       const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
-      const bool carried_list = !carried_dense && u1 > absent_units;
+      double* carried_out = carried_dense ? nullptr : sums.data() + k;
       if (a0 < a1)
         add_rows(sums.data(), two_k, absent_rows, pieces, npieces, far_end, rows, std::min(k, 8 * a1),
-                 8 * a0, carried_list ? sums.data() + k : nullptr, k);
-      else if (carried_list)
-        add_carried(sums.data() + k, two_k, pieces, npieces, rows, k);
+                 8 * a0, carried_out, part, k);
+      else if (carried_out != nullptr)
+        add_carried(carried_out, two_k, pieces, npieces, rows, part, k);
       if (carried_dense && u1 > absent_units) {
         const int c0 = std::max(u0, absent_units) - absent_units, c1 = u1 - absent_units;
         add_rows(sums.data() + k, two_k, carried_rows, pieces, npieces, far_end, rows,
-                 std::min(k, 8 * c1), 8 * c0, nullptr, k);
+                 std::min(k, 8 * c1), 8 * c0, nullptr, -1, k);
       }
     }
   });
@@ -727,9 +747,9 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
       const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
       const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
       if (sweep_vectors && !carried_dense)
-        totals_avx512(t.data(), 8 * a0, 8 * a1, t1, u1 > absent_units);
+        totals_avx512(t.data(), 8 * a0, 8 * a1, t1, part == lane_parts - 1);
       else
-        totals_plain(t.data(), 8 * a0, 8 * a1, t1, u1 > absent_units);
+        totals_plain(t.data(), 8 * a0, 8 * a1, t1, part == lane_parts - 1);
     }
   });
   for (int l = 0; l < k; ++l) t0[l] = t[l];
@@ -1231,9 +1251,28 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
     for (int l = 0; l < k; ++l)
       if (!d->train_labels[i][l])
         absent_bytes[static_cast<size_t>(i) * absent_units + l / 8] |= static_cast<uint8_t>(1u << (l % 8));
-  lane_units = absent_units + (carried_dense ? absent_units : 1);
+  lane_units = absent_units * (carried_dense ? 2 : 1);
   lane_parts = std::max(1, std::min(pool->Size(), lane_units));
   groups_per_block = std::max(1, pool->Size() / lane_parts);
+  // A carried label added one by one costs about two vectors' adds for
+  // each label an example carries (measured on single-label corpora).
+  {
+    const double carried_cost = m > 0 ? 2.0 * static_cast<double>(carried_label.size()) / m : 0.0;
+    const double target = (absent_units + carried_cost) / lane_parts;
+    std::vector<double> need(lane_parts);
+    double total = 0.0;
+    for (int p = 0; p < lane_parts; ++p) {
+      const int u0 = lane_units * p / lane_parts, u1 = lane_units * (p + 1) / lane_parts;
+      need[p] = std::max(0.0, target - (std::min(u1, absent_units) - std::min(u0, absent_units)));
+      total += need[p];
+    }
+    carried_share.assign(lane_parts, 1.0);
+    double sum = 0.0;
+    for (int p = 0; p + 1 < lane_parts; ++p) {
+      sum += need[p];
+      carried_share[p] = total > 0 ? sum / total : (p + 1.0) / lane_parts;
+    }
+  }
   find_twins();
   lay_out_blocks();
   ensure_block_storage(k);

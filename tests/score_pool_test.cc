@@ -175,8 +175,9 @@ TEST(ScorePool, WideShapesMatchSequential) {
     Synthetic s;
     build(&s, static_cast<unsigned>(shape.k), shape.m, shape.k, shape.experts, shape.extra_labels,
           shape.values);
-    Table ref(s.k);
+    Table ref(s.k), start(s.k);
     fill_totals(s, ref.W);
+    fill_totals(s, start.W);
     const int expected = sequential_scan(&s, ref.W, 0);
     std::vector<double> thresholds;
     for (const auto& x : s.experts) thresholds.push_back(x.threshold);
@@ -186,9 +187,13 @@ TEST(ScorePool, WideShapesMatchSequential) {
         Score_Pool_Use_Kernel(kernel);
         for (auto& x : s.experts) x.threshold = -1.0;
         Table got(s.k);
-        fill_totals(s, got.W);
+        // The pool's totals (which also lay out the round's rows) must be
+        // those of the sequential sum.
+        Score_Pool_Totals(s.D.data(), got.W);
         const std::string what = "k " + std::to_string(s.k) + " threads " + std::to_string(threads) +
                                  " kernel " + std::to_string(kernel);
+        for (int b = 0; b < 2; ++b)
+          ASSERT_EQ(0, memcmp(start.W[0][b], got.W[0][b], sizeof(double) * s.k)) << what;
         EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << what;
         for (int b = 0; b < 2; ++b)
           EXPECT_EQ(0, memcmp(ref.W[0][b], got.W[0][b], sizeof(double) * s.k)) << what;
