@@ -129,6 +129,11 @@ struct Thread_Table {
 };
 std::vector<Thread_Table> thread_tables;
 
+// The last term expert that became the best in a block of the real
+// AdaBoost.MH scan, and its sums [A0 | A1].
+int winner_expert = -1;
+std::vector<double> winner_sums;
+
 // Sums of the last expert scored by the abstaining scan (for a winner of a
 // type that scan does not score).
 int last_scored = -1;
@@ -1179,6 +1184,7 @@ std::vector<double> sweep_terms, sweep_partial;
     }
   });
 
+  int won = -1;
   for (int j = 0; j < n; ++j) {
     if (!candidate[j]) continue;
     if (copy_of[j] >= 0) scores[j] = scores[copy_of[j]];
@@ -1186,7 +1192,13 @@ std::vector<double> sweep_terms, sweep_partial;
     if (s < *best) {
       *best = s;
       *best_index = b + j;
+      won = j;
     }
+  }
+  // The sums of this block's winner, for the winner's table.
+  if (won >= 0) {
+    winner_expert = b + won;
+    winner_sums.assign(&sums[slot_of[won] * two_k], &sums[slot_of[won] * two_k] + two_k);
   }
 }
 
@@ -1320,6 +1332,8 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
 
 void Score_Pool_Last_Table(weight_table, int) {}
 
+bool Score_Pool_Winner_Table(int, weight_table) { return false; }
+
 int Score_Pool_Search_Discrete(double* s, double* S, int abstain, double* result[3]) {
   const int k = num_labels;
   double* c[3] = {zeroed(k), zeroed(k), zeroed(k)};
@@ -1353,6 +1367,7 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
   if (!abstaining) {
     if (!rows_filled) fill_weight_rows(D, nullptr, nullptr);
     rows_filled = false;
+    winner_expert = -1;
     for (const Scan_Step& step : scan_steps) {
       const int e = step.b;
       text_expert_rec* x = &experts[e];
@@ -1433,6 +1448,22 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
     q = r;
   }
   return best_index;
+}
+
+bool Score_Pool_Winner_Table(int best, weight_table W) {
+  if (best != winner_expert || winner_expert < 0) return false;
+  const int k = num_labels;
+  // What scoring the expert does to the table: its sums into W[1], and the
+  // totals W[0] := max(W[0] - W[1], 0) + W[1], label by label.
+  for (int b = 0; b < 2; ++b)
+    for (int l = 0; l < k; ++l) {
+      W[1][b][l] = winner_sums[static_cast<size_t>(b) * k + l];
+      W[2][b][l] = 0.0;
+      double v = W[0][b][l] - W[1][b][l];
+      if (v < 0) v = 0.0;
+      W[0][b][l] = v + W[1][b][l];
+    }
+  return true;
 }
 
 void Score_Pool_Last_Table(weight_table W, int k) {

@@ -34,6 +34,13 @@ void Run_Parallel(int n, const std::function<void(int, int, int)>& fn);
 /// below 1.0).
 int Score_Pool_Search(double* D, weight_table W, int abstaining);
 
+/// After a real AdaBoost.MH scan whose winner `best` is a term expert: sets
+/// W exactly as scoring that expert on the scan's final totals would
+/// (W[1] its sums, W[2] zero, W[0] the totals after the subtract, clamp and
+/// add back) from the sums the scan kept, and returns true; returns false
+/// when it has none (the caller then scores the expert itself).
+bool Score_Pool_Winner_Table(int best, weight_table W);
+
 /// After an abstaining scan: W[1] and W[2] as the last scored expert left
 /// them (used when the winner is of a type the abstaining scan skips).
 void Score_Pool_Last_Table(weight_table W, int k);

@@ -163,7 +163,8 @@ text_expert_rec* GetWeakHypothesis_Table_Exp_Loss(double* D, example_data* d) {
   text_expert_rec* best = &text_experts[best_index];
   switch (best->type) {
     case kTypeFgram:
-      Text_Expert_Table_Exp_Loss(D, best, y, k, W);
+      // The scan kept the winner's sums; otherwise score it again.
+      if (!Score_Pool_Winner_Table(best_index, W)) Text_Expert_Table_Exp_Loss(D, best, y, k, W);
       break;
     case kTypeThreshold:
       Text_Expert_Table_Exp_Loss_Threshold_Best(D, best, y, k, W);
