@@ -837,27 +837,28 @@ void sweep_chunk_plain(const double* D, const int* order, int n, const int* cand
   const int l0 = 8 * v0, l1 = std::min(k, 8 * v1), w = l1 - l0;
   const uint8_t* y = label_rows.data();
   std::vector<double> a0(w, 0.0), a1(w, 0.0), b0(w, 0.0), b1(w, 0.0);
-  for (int j = 0; j < n; ++j) {
-    const size_t i = static_cast<size_t>(order[j]);
+  // Label l0 + l's weight in the row at sorted position j, by sign (the
+  // other sign gets +0.0).
+  auto split = [&](int j, int l, double* d0, double* d1) {
+    const size_t at = static_cast<size_t>(order[j]) * k + l0 + l;
+    *d1 = y[at] ? D[at] : 0.0;
+    *d0 = y[at] ? 0.0 : D[at];
+  };
+  double d0, d1;
+  for (int j = 0; j < n; ++j)
     for (int l = 0; l < w; ++l) {
-      const double d = D[i * k + l0 + l];
-      const uint8_t c = y[i * k + l0 + l];
-      b1[l] += c ? d : 0.0;
-      b0[l] += c ? 0.0 : d;
+      split(j, l, &d0, &d1);
+      b1[l] += d1;
+      b0[l] += d0;
     }
-  }
   size_t ci = 0;
   for (int p = -1; p < n && ci < nc; ++p) {
-    if (p >= 0) {
-      const size_t i = static_cast<size_t>(order[p]);
-      for (int l = 0; l < w; ++l) {
-        const double d = D[i * k + l0 + l];
-        const uint8_t c = y[i * k + l0 + l];
-        a1[l] += c ? d : 0.0;
-        a0[l] += c ? 0.0 : d;
-        b1[l] -= c ? d : 0.0;
-        b0[l] -= c ? 0.0 : d;
-      }
+    for (int l = 0; p >= 0 && l < w; ++l) {
+      split(p, l, &d0, &d1);
+      a1[l] += d1;
+      a0[l] += d0;
+      b1[l] -= d1;
+      b0[l] -= d0;
     }
     if (cand[ci] != p) continue;
     double* out = terms + ci * k + l0;
