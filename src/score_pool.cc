@@ -920,7 +920,9 @@ __attribute__((target("avx512f"), always_inline)) inline void split_row(
 // GCC 12 warns that its own header's sqrt and reduction intrinsics use an
 // uninitialised vector (their undefined pass-through operand).
 #pragma GCC diagnostic push
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 template <int V>
 __attribute__((target("avx512f"))) void sweep_chunk_avx512(const double* D, const int* order, int n,
                                                            const int* cand, size_t nc, int k,
