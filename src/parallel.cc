@@ -1,6 +1,10 @@
-// Fork-join pool. Workers spin briefly on a generation counter before
-// sleeping, because one round of boosting runs hundreds of short parallel
-// loops and a sleep/wake per loop would cost more than the loop itself.
+// Fork-join pool. Workers spin on a generation counter before sleeping,
+// because one round of boosting runs hundreds of short parallel loops
+// separated by short serial steps, and a sleep/wake per loop would cost more
+// than the loop itself. With no more threads than cores a worker spins
+// for a few milliseconds, long enough to outlast a round's serial steps;
+// with more, briefly, so that spinning threads do not take the cores of
+// working ones.
 #include "parallel.h"
 
 #include <atomic>
@@ -19,6 +23,7 @@ struct Fork_Join_Pool::State {
   const std::function<void(int, int, int)>* fn = nullptr;
   int n = 0;
   int threads = 1;
+  int spin_limit = 20000;
 };
 
 namespace {
@@ -33,6 +38,8 @@ void run_share(int n, int threads, int t, const std::function<void(int, int, int
 
 Fork_Join_Pool::Fork_Join_Pool(int threads) : state_(new State), num_threads_(threads < 1 ? 1 : threads) {
   state_->threads = num_threads_;
+  const unsigned cores = std::thread::hardware_concurrency();
+  state_->spin_limit = cores > 0 && static_cast<unsigned>(num_threads_) <= cores ? 1 << 20 : 20000;
   for (int t = 1; t < num_threads_; ++t) {
     state_->workers.emplace_back([this, t] {
       State* s = state_;
@@ -41,7 +48,7 @@ Fork_Join_Pool::Fork_Join_Pool(int threads) : state_(new State), num_threads_(th
         int spins = 0;
         while (s->generation.load(std::memory_order_acquire) == seen &&
                !s->stop.load(std::memory_order_acquire)) {
-          if (++spins < 20000) continue;
+          if (++spins < s->spin_limit) continue;
           std::unique_lock<std::mutex> lock(s->mutex);
           s->wake.wait(lock, [&] {
             return s->generation.load(std::memory_order_acquire) != seen ||
