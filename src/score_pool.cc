@@ -655,18 +655,22 @@ __attribute__((target("avx512f"))) void fill_rows_avx512(const double* D, size_t
   }
 }
 
-// Lanes [c0, c1) of the absent-label totals, and with `carried` the
-// carried-label totals, summed over the rows in example order from zero.
+// Lanes [c0, c1) of the absent-label totals, summed over the rows in
+// example order from zero.
 // The rows hold +0.0 where the sequential totals add +0.0, so every total
 // gets the same additions in the same order.
-void totals_plain(double* t, int c0, int c1, double* t1, bool carried) {
+void totals_plain(double* t, int c0, int c1) {
   const size_t m = static_cast<size_t>(data_set->num_train);
   for (int c = c0; c < c1; ++c) t[c] = 0.0;
   for (size_t i = 0; i < m; ++i) {
     const double* row = absent_rows + i * row_stride;
     for (int c = c0; c < c1; ++c) t[c] += row[c];
   }
-  if (!carried) return;
+}
+
+// The carried-label totals t1, summed the same way.
+void carried_totals(double* t1) {
+  const size_t m = static_cast<size_t>(data_set->num_train);
   for (int l = 0; l < num_labels; ++l) t1[l] = 0.0;
   if (carried_dense) {
     for (size_t i = 0; i < m; ++i) {
@@ -693,7 +697,7 @@ __attribute__((target("avx512f"))) void totals_avx512_pass(double* t, int c) {
   for (int v = 0; v < V; ++v) _mm512_storeu_pd(t + c + 8 * v, s[v]);
 }
 
-void totals_avx512(double* t, int c0, int c1, double* t1, bool carried) {
+void totals_avx512(double* t, int c0, int c1) {
   for (int c = c0; c < c1; c += 64) {
     switch ((std::min(c1, c + 64) - c) / 8) {
 #define MHB_PASS(V)                \
@@ -705,7 +709,6 @@ void totals_avx512(double* t, int c0, int c1, double* t1, bool carried) {
 #undef MHB_PASS
     }
   }
-  totals_plain(t, c1, c1, t1, carried);
 }
 
 // Fills the weight rows of the round from D on all threads (split by
@@ -751,10 +754,11 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
     for (int part = p0; part < p1; ++part) {
       const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
       const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
-      if (sweep_vectors && !carried_dense)
-        totals_avx512(t.data(), 8 * a0, 8 * a1, t1, part == lane_parts - 1);
+      if (sweep_vectors)
+        totals_avx512(t.data(), 8 * a0, 8 * a1);
       else
-        totals_plain(t.data(), 8 * a0, 8 * a1, t1, part == lane_parts - 1);
+        totals_plain(t.data(), 8 * a0, 8 * a1);
+      if (part == lane_parts - 1) carried_totals(t1);
     }
   });
   for (int l = 0; l < k; ++l) t0[l] = t[l];
