@@ -711,8 +711,72 @@ void totals_avx512(double* t, int c0, int c1) {
   }
 }
 
-// Fills the weight rows of the round from D on all threads (split by
-// examples), and with t0 != nullptr also the totals (split by lanes).
+// Lanes [c, c + 8V) of every example's weight row from D, and their
+// totals: each lane summed over the rows in example order from zero, as
+// totals_avx512 sums them. The rows are written past the caches: a round's
+// rows outgrow them, and a plain store would first read each line in.
+template <int V>
+__attribute__((target("avx512f"))) void fill_totals_avx512_pass(const double* D, double* t, int c) {
+  const size_t m = static_cast<size_t>(data_set->num_train);
+  const int k = num_labels;
+  const size_t ku = static_cast<size_t>(k);
+  const size_t nvec = static_cast<size_t>(absent_units);
+  __mmask8 lanes[V];
+  __m512d s[V];
+#pragma GCC unroll 8
+  for (int v = 0; v < V; ++v) {
+    const int left = k - (c + 8 * v);
+    lanes[v] = left >= 8 ? 0xFF : static_cast<__mmask8>(left > 0 ? (1u << left) - 1 : 0);
+    s[v] = _mm512_setzero_pd();
+  }
+  const uint8_t* ab = absent_bytes.data() + c / 8;
+  for (size_t i = 0; i < m; ++i) {
+    const double* row = D + i * ku + c;
+    double* out = absent_rows + i * row_stride + c;
+#pragma GCC unroll 8
+    for (int v = 0; v < V; ++v) {
+      const __m512d d = _mm512_maskz_loadu_pd(lanes[v], row + 8 * v);
+      const __m512d x = _mm512_maskz_mov_pd(ab[i * nvec + v], d);
+      _mm512_stream_pd(out + 8 * v, x);
+      s[v] = _mm512_add_pd(s[v], x);
+    }
+  }
+  // The streamed rows reach memory before the threads that read them start.
+  _mm_sfence();
+#pragma GCC unroll 8
+  for (int v = 0; v < V; ++v) _mm512_storeu_pd(t + c + 8 * v, s[v]);
+}
+
+void fill_totals_avx512(const double* D, double* t, int c0, int c1) {
+  for (int c = c0; c < c1; c += 64) {
+    switch ((std::min(c1, c + 64) - c) / 8) {
+#define MHB_PASS(V)                      \
+  case V:                                \
+    fill_totals_avx512_pass<V>(D, t, c); \
+    break;
+      MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
+      MHB_PASS(8)
+#undef MHB_PASS
+    }
+  }
+}
+
+// The carried weights of every example from D, and their totals t1 summed
+// in example order from zero, as carried_totals sums them.
+void fill_carried_totals(const double* D, double* t1) {
+  const size_t m = static_cast<size_t>(data_set->num_train);
+  const size_t k = static_cast<size_t>(num_labels);
+  for (size_t l = 0; l < k; ++l) t1[l] = 0.0;
+  for (size_t i = 0; i < m; ++i)
+    for (int r = carried_first[i]; r < carried_first[i + 1]; ++r) {
+      const double w = D[i * k + carried_label[r]];
+      carried_weight[r] = w;
+      t1[carried_label[r]] += w;
+    }
+}
+
+// Fills the weight rows of the round from D on all threads, and with
+// t0 != nullptr also the totals.
 void fill_weight_rows(const double* D, double* t0, double* t1) {
   const size_t m = static_cast<size_t>(data_set->num_train);
   const int k = num_labels;
@@ -736,6 +800,21 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
     memset(absent_rows + m * row_stride, 0, 8 * sizeof(double));
     rows_capacity = cells;
   }
+  if (t0 != nullptr && sweep_vectors && !carried_dense) {
+    // Rows and totals in one pass over D, split by lanes; the carried
+    // labels go with the first part, which has the fewest vectors.
+    std::vector<double> t(row_stride);
+    pool->Run(lane_parts, [&](int p0, int p1, int) {
+      for (int part = p0; part < p1; ++part) {
+        const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
+        fill_totals_avx512(D, t.data(), 8 * u0, 8 * u1);
+        if (part == 0) fill_carried_totals(D, t1);
+      }
+    });
+    for (int l = 0; l < k; ++l) t0[l] = t[l];
+    return;
+  }
+  // Otherwise the rows split by examples, then the totals split by lanes.
   pool->Run(static_cast<int>(m), [&](int i0, int i1, int) {
     if (sweep_vectors)
       fill_rows_avx512(D, static_cast<size_t>(i0), static_cast<size_t>(i1));
