@@ -22,6 +22,7 @@
 #include "die.h"
 #include "optscan.h"
 #include "score_pool.h"
+#include "vec_exp.h"
 #include "weak_learn.h"
 
 int num_trials = 10;
@@ -863,10 +864,9 @@ void update_log_row(int h, int from, int to, double alpha) {
   for (int l = 0; l < k; ++l) {
     double v = old[l];
     if (pending) v -= lz;
-    v = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
-    ld[l] = v;
-    e[l] = exp(v);
+    ld[l] = add_nan_first(v, mul_nan_first(p[l], yh[l] ? -alpha : alpha));
   }
+  Exp_Array(ld, e, static_cast<size_t>(k));
 }
 
 // One round of real AdaBoost.MH after the split: every training group's
