@@ -194,17 +194,21 @@ fi
 cpu_busy_ticks() {
   awk '/^cpu /{print $2+$3+$4+$7+$8; exit}' /proc/stat
 }
+# The CPU time of this shell's finished children, in seconds. `times` must
+# run in this shell itself: in a pipe or a $(...) it would report the
+# subshell's children, none. Its second line holds the children's user and
+# system time, as 1m2.345s.
 children_cpu_seconds() {
-  # second line of `times`: children's user and system time, as 1m2.345s
-  times | awk 'NR==2 {
+  times >"$OUT/times.txt"
+  awk 'NR==2 {
     t = 0
     for (i = 1; i <= 2; i++) { split($i, a, "m"); sub("s", "", a[2]); t += a[1] * 60 + a[2] }
-    printf "%.3f\n", t }'
+    printf "%.3f\n", t }' "$OUT/times.txt"
 }
 
 # only what an earlier run left here is removed, never the directory itself
 mkdir -p "$OUT"
-rm -rf "$OUT/runs" "$OUT/peers" "$OUT/meta.txt" "$OUT/mhboost.tsv" "$OUT/RESULTS.md"
+rm -rf "$OUT/runs" "$OUT/peers" "$OUT/meta.txt" "$OUT/mhboost.tsv" "$OUT/RESULTS.md" "$OUT/times.txt" "$OUT/own0.txt" "$OUT/own1.txt"
 mkdir -p "$OUT/runs" "$OUT/peers"
 OUT=$(realpath "$OUT")
 META="$OUT/meta.txt"
@@ -226,7 +230,8 @@ TSV="$OUT/mhboost.tsv"
 
 TICK=$(getconf CLK_TCK)
 BUSY0=$(cpu_busy_ticks)
-OWN0=$(children_cpu_seconds)
+children_cpu_seconds >"$OUT/own0.txt"
+OWN0=$(cat "$OUT/own0.txt")
 WALL0=$EPOCHREALTIME
 
 # ---------------------------------------------------------------------------
@@ -325,7 +330,8 @@ fi
 
 WALL1=$EPOCHREALTIME
 BUSY1=$(cpu_busy_ticks)
-OWN1=$(children_cpu_seconds)
+children_cpu_seconds >"$OUT/own1.txt"
+OWN1=$(cat "$OUT/own1.txt")
 awk -v w0="$WALL0" -v w1="$WALL1" -v b0="$BUSY0" -v b1="$BUSY1" -v o0="$OWN0" \
     -v o1="$OWN1" -v hz="$TICK" 'BEGIN {
   wall = w1 - w0; busy = (b1 - b0) / hz; own = o1 - o0; other = busy - own
