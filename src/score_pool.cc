@@ -84,7 +84,9 @@ struct Scan_Step {
 struct Term_Block {
   int slot_base;    // first slot in slot_expert_all
   int nslots;
-  int group_base;   // first of its slot_groups (groups_per_block of them)
+  int group_base;   // first of its slot_groups (`groups` of them)
+  int groups;       // slot groups, each split into
+  int parts;        // this many lane parts (see groups_per_block)
 };
 std::vector<Scan_Step> scan_steps;
 std::vector<Term_Block> term_blocks;
@@ -492,9 +494,13 @@ void choose_kernels() {
 // sums into parts (vectors of eight absent-label lanes, and the carried
 // labels as one more part, or as vectors of their own when they have
 // rows). Each thread adds whole lists, on its share of the lanes, so every
-// lane still receives its additions in list order. Splitting lanes rather
-// than lists lets the threads share the rows they read and keeps work
-// even when a few lists hold most of the occurrences.
+// lane still receives its additions in list order. Blocks whose
+// occurrences lie mostly in long lists split lanes (lane_parts parts,
+// groups_per_block groups): the threads share the band of rows they read,
+// and a few lists that hold most of the occurrences do not leave a thread
+// idle. Other blocks split only their slots, one group per thread: rows of
+// short lists come from memory one at a time, and a thread that adds
+// whole rows spends less per row than two that add half a row each.
 int groups_per_block = 1;
 int lane_parts = 1;
 int lane_units = 1;    // vectors of absent lanes, and of carried rows if dense
@@ -525,8 +531,10 @@ std::vector<Slot_Group> slot_groups;
 std::vector<Piece> all_pieces;
 std::vector<int> piece_rows;
 
-// The lane part that adds slot s's carried labels (see carried_share).
-uint8_t carried_part_of(int s) {
+// The lane part that adds slot s's carried labels when a block splits its
+// lanes (see carried_share); with one part, that part.
+uint8_t carried_part_of(int s, int parts) {
+  if (parts == 1) return 0;
   const double golden = 0.6180339887498949;
   const double x = static_cast<double>(s + 1) * golden;
   const double frac = x - std::floor(x);
@@ -536,8 +544,8 @@ uint8_t carried_part_of(int s) {
 }
 
 // Lays out the pieces of the slots [s0, s1) of the block starting at slot
-// `base` as one group.
-void lay_out_group(int base, int s0, int s1) {
+// `base` as one group, to be summed in `parts` lane parts.
+void lay_out_group(int base, int s0, int s1, int parts) {
   Slot_Group g{all_pieces.size(), 0, 0, piece_rows.size()};
   auto add_piece = [&](int slot, const int* list, int length, bool fresh) {
     const size_t offset = piece_rows.size() - g.rows_base;
@@ -546,7 +554,7 @@ void lay_out_group(int base, int s0, int s1) {
       fprintf(stderr, "Too many occurrences in one block of rules\n");
       Exit_Run(1);
     }
-    all_pieces.push_back(Piece{slot, length, static_cast<int>(offset), fresh, carried_part_of(slot)});
+    all_pieces.push_back(Piece{slot, length, static_cast<int>(offset), fresh, carried_part_of(slot, parts)});
     piece_rows.insert(piece_rows.end(), list, list + length);
   };
   std::vector<int> longs;
@@ -588,12 +596,12 @@ void lay_out_group(int base, int s0, int s1) {
 // Sums A0/A1 of every slot of the block.
 void sum_block(const Term_Block& blk, int k) {
   const size_t two_k = 2 * static_cast<size_t>(k);
-  const int items = groups_per_block * lane_parts;
-  pool->Run(items, [&](int q0, int q1, int) {
+  const int parts = blk.parts;
+  pool->Run(blk.groups * parts, [&](int q0, int q1, int) {
     for (int q = q0; q < q1; ++q) {
-      const Slot_Group& g = slot_groups[blk.group_base + q / lane_parts];
-      const int part = q % lane_parts;
-      const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
+      const Slot_Group& g = slot_groups[blk.group_base + q / parts];
+      const int part = q % parts;
+      const int u0 = lane_units * part / parts, u1 = lane_units * (part + 1) / parts;
       const Piece* pieces = &all_pieces[g.piece_begin];
       const size_t npieces = g.piece_end - g.piece_begin;
       const size_t far_end = g.banded_begin - g.piece_begin;
@@ -866,7 +874,7 @@ void lay_out_blocks() {
     int end = e;
     while (end < num_experts && end - e < kBlock && experts[end].type == kTypeFgram) ++end;
     Term_Block blk{static_cast<int>(slot_expert_all.size()), 0,
-                   static_cast<int>(slot_groups.size())};
+                   static_cast<int>(slot_groups.size()), 1, 1};
     for (int j = e; j < end; ++j) {
       const int twin = prev_twin[j];
       if (twin >= e) {
@@ -876,16 +884,29 @@ void lay_out_blocks() {
         slot_expert_all.push_back(j);
       }
     }
-    // Groups of consecutive slots with about the same number of occurrences.
+    // Lanes split when most occurrences lie in long lists (see
+    // groups_per_block); then groups of consecutive slots with about the
+    // same number of occurrences.
     std::vector<long> work(blk.nslots + 1, 0);
-    for (int q = 0; q < blk.nslots; ++q)
-      work[q + 1] = work[q] + experts[slot_expert_all[blk.slot_base + q]].num_train + 1;
+    long in_long = 0;
+    for (int q = 0; q < blk.nslots; ++q) {
+      const int n = experts[slot_expert_all[blk.slot_base + q]].num_train;
+      work[q + 1] = work[q] + n + 1;
+      if (n >= kLongList) in_long += n;
+    }
+    if (2 * in_long >= work[blk.nslots] - blk.nslots) {
+      blk.groups = groups_per_block;
+      blk.parts = lane_parts;
+    } else {
+      blk.groups = pool->Size();
+      blk.parts = 1;
+    }
     int s0 = 0;
-    for (int g = 0; g < groups_per_block; ++g) {
-      const long hi = work[blk.nslots] * (g + 1) / groups_per_block;
+    for (int g = 0; g < blk.groups; ++g) {
+      const long hi = work[blk.nslots] * (g + 1) / blk.groups;
       int s1 = static_cast<int>(std::lower_bound(work.begin(), work.end() - 1, hi) - work.begin());
-      if (g == groups_per_block - 1) s1 = blk.nslots;
-      lay_out_group(blk.slot_base, s0, std::max(s0, s1));
+      if (g == blk.groups - 1) s1 = blk.nslots;
+      lay_out_group(blk.slot_base, s0, std::max(s0, s1), blk.parts);
       s0 = std::max(s0, s1);
     }
     scan_steps.push_back(Scan_Step{e, end, static_cast<int>(term_blocks.size())});
