@@ -18,9 +18,9 @@
 // checked against exp(3) on probe inputs before it is first used.
 #include "vec_exp.h"
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <vector>
 
@@ -171,18 +171,6 @@ __attribute__((target("avx512f"))) void exp_array_avx512(const double* x, double
   }
 }
 
-uint64_t bits_of(double v) {
-  uint64_t b;
-  memcpy(&b, &v, sizeof b);
-  return b;
-}
-
-double from_bits(uint64_t b) {
-  double v;
-  memcpy(&v, &b, sizeof v);
-  return v;
-}
-
 // Probe inputs: the whole covered range and its edges, typical log
 // weights, and values around every table point.
 std::vector<double> probes() {
@@ -197,7 +185,7 @@ std::vector<double> probes() {
     // Near k ln2 / 128, where the rounding of z decides between two k.
     const double k = static_cast<double>(static_cast<int64_t>(gen() % 130000) - 65000);
     const double at = k * 0.005415212348111709;
-    p.push_back(from_bits(bits_of(at) + (gen() % 5) - 2));
+    p.push_back(std::bit_cast<double>(std::bit_cast<uint64_t>(at) + (gen() % 5) - 2));
   }
   return p;
 }
@@ -207,7 +195,7 @@ __attribute__((target("avx512f"))) bool vectors_agree() {
   std::vector<double> got(x.size());
   exp_array_avx512(x.data(), got.data(), x.size());
   for (size_t i = 0; i < x.size(); ++i)
-    if (bits_of(got[i]) != bits_of(std::exp(x[i]))) return false;
+    if (std::bit_cast<uint64_t>(got[i]) != std::bit_cast<uint64_t>(std::exp(x[i]))) return false;
   return true;
 }
 
