@@ -147,9 +147,13 @@ def main():
              '(a collision is unlikely below one in a million).')
     p.append('2. Wall time of the same command with `-n 0`: reading the '
              'files and building the rules.')
+    repeat = meta.get('repeat', '1')
     p.append('3. (total - build) / rounds. Every round prints its line '
              '(default `-f 1`), so this includes evaluating the training and '
-             'test error each round.')
+             'test error each round.' + (
+                 ' Every training run was timed %s times, in turns over the '
+                 'configurations; the table shows the run with the median '
+                 'total time.' % repeat if repeat != '1' else ''))
     p.append('4. Peak resident memory of the training run '
              '(`/usr/bin/time -f %M`).')
     p.append('')
@@ -169,9 +173,14 @@ def main():
                         % (fmt(num(meta.get('other_cores')), 1),
                            meta.get('cores', '?')))
             p.append('')
+            spread = ''
+            if t1.get('totals_s') and t2.get('totals_s') and repeat != '1':
+                spread = (' Total times of the %s runs: %s s with `-T 1`, %s s '
+                          'with `-T 2`.' % (repeat, t1['totals_s'].replace(',', ', '),
+                                            t2['totals_s'].replace(',', ', ')))
             p.append('Threads on debpkg (%s): %s s per round with `-T 1`, '
-                     '%s s with `-T 2`, a speed-up of %.2f.%s'
-                     % (what, seconds(a), seconds(b), a / b, note))
+                     '%s s with `-T 2`, a speed-up of %.2f.%s%s'
+                     % (what, seconds(a), seconds(b), a / b, spread, note))
     xgb2 = [r for r in peers.get('debpkg', []) if r['method'] == 'xgb2'] if peers else []
     if xgb2:
         x = num(xgb2[0]['per_round'])

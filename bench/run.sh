@@ -19,6 +19,10 @@
 #                    directory built by make_corpora.py can be reused
 #   --no-peers       skip the peer libraries
 #   --write-results  also write the report to bench/RESULTS.md
+#   --repeat N       time every training run N times (default 3), in turns
+#                    over the configurations, and report the run with the
+#                    median time (this machine's speed drifts from minute to
+#                    minute; turns keep -T 1 and -T 2 side by side)
 #
 # Only one program runs at a time, so that runs do not slow each other.
 set -euo pipefail
@@ -67,6 +71,7 @@ OUT="$BENCH/out/run"
 CORPORA="$BENCH/out/corpora"
 PEERS=1
 WRITE_RESULTS=0
+REPEAT=3
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) QUICK=1 ;;
@@ -78,6 +83,8 @@ while [ $# -gt 0 ]; do
     --corpora=*) CORPORA=${1#--corpora=} ;;
     --no-peers) PEERS=0 ;;
     --write-results) WRITE_RESULTS=1 ;;
+    --repeat) [ $# -ge 2 ] || die "--repeat needs a count"; REPEAT=$2; shift ;;
+    --repeat=*) REPEAT=${1#--repeat=} ;;
     -h|--help) usage 0 ;;
     -*) die "unknown option $1 (see --help)" ;;
     *) [ -z "$MHBOOST" ] || die "one program only (got $MHBOOST and $1)"
@@ -86,6 +93,7 @@ while [ $# -gt 0 ]; do
   shift
 done
 [ -n "$MHBOOST" ] || usage
+[[ "$REPEAT" =~ ^[1-9][0-9]*$ ]] || die "--repeat needs a positive whole number (got $REPEAT)"
 [ -x "$MHBOOST" ] || die "$MHBOOST is not an executable program (make build makes build/mhboost)"
 MHBOOST=$(realpath "$MHBOOST")
 
@@ -225,6 +233,7 @@ TSV="$OUT/mhboost.tsv"
   echo "command=$COMMAND_LINE"
   echo "corpora=$CORPORA"
   echo "quick=$QUICK"
+  echo "repeat=$REPEAT"
   echo "peer_python=$SYS_PYTHON"
 } >"$META"
 
@@ -253,11 +262,15 @@ run_timed() {
   PEAK_KIB=$(tail -1 "$dir/$label.mem" 2>/dev/null | grep -E '^[0-9]+$' || echo 0)
 }
 
-printf 'name\ttask\toptions\trounds_asked\trounds\trules\toccurrences\tbuild_s\ttotal_s\tper_round_s\tpeak_kib\tbuild_peak_kib\ttrain_err\ttest_err\tstatus\tcommand\n' >"$TSV"
+printf 'name\ttask\toptions\trounds_asked\trounds\trules\toccurrences\tbuild_s\ttotal_s\tper_round_s\tpeak_kib\tbuild_peak_kib\ttrain_err\ttest_err\tstatus\tcommand\ttotals_s\n' >"$TSV"
 
+# First every configuration's rule count and build run, then the training
+# runs in turns, then the report of each configuration's median run.
+declare -A BUILD_S BUILD_PEAK BUILD_STATUS RULES OCCURRENCES ROUNDS TOTALS
 for c in "${SELECTED[@]}"; do
   IFS='|' read -r name stem opts rounds qrounds <<<"$c"
   [ $QUICK = 1 ] && rounds=$qrounds
+  ROUNDS[$name]=$rounds
   dir="$OUT/runs/$name"
   mkdir -p "$dir"
   # the stem's files, linked: the model this run writes stays in its own dir
@@ -278,16 +291,50 @@ for c in "${SELECTED[@]}"; do
   echo "== $name: counting rules" >&2
   read -r rules occurrences < <("$SYS_PYTHON" "$BENCH/count_rules.py" "$CORPORA/$stem" \
       -N "$mode" -W "$window" --cache "$BENCH/out/rule-counts") || { rules=?; occurrences=?; }
+  RULES[$name]=$rules OCCURRENCES[$name]=$occurrences
 
   # $opts is split into words on purpose
   echo "== $name: mhboost -S $stem${opts:+ $opts} -n 0" >&2
   run_timed "$dir" build "$MHBOOST" -S "$stem" $opts -n 0
-  build_s=$ELAPSED build_peak=$PEAK_KIB build_status=$STATUS
+  BUILD_S[$name]=$ELAPSED BUILD_PEAK[$name]=$PEAK_KIB BUILD_STATUS[$name]=$STATUS
   rm -f "$dir/$stem.shyp"
+done
 
-  echo "== $name: mhboost -S $stem${opts:+ $opts} -n $rounds" >&2
-  run_timed "$dir" train "$MHBOOST" -S "$stem" $opts -n "$rounds"
-  total_s=$ELAPSED peak=$PEAK_KIB status=$STATUS
+for ((turn = 1; turn <= REPEAT; turn++)); do
+  for c in "${SELECTED[@]}"; do
+    IFS='|' read -r name stem opts _ <<<"$c"
+    rounds=${ROUNDS[$name]}
+    echo "== $name: mhboost -S $stem${opts:+ $opts} -n $rounds (run $turn of $REPEAT)" >&2
+    run_timed "$OUT/runs/$name" "train$turn" "$MHBOOST" -S "$stem" $opts -n "$rounds"
+    echo "$STATUS" >"$OUT/runs/$name/train$turn.status"
+    TOTALS[$name]="${TOTALS[$name]:-}${TOTALS[$name]:+ }$ELAPSED:$turn"
+    echo "   ${ELAPSED}s" >&2
+  done
+done
+
+for c in "${SELECTED[@]}"; do
+  IFS='|' read -r name stem opts _ <<<"$c"
+  rounds=${ROUNDS[$name]} rules=${RULES[$name]} occurrences=${OCCURRENCES[$name]}
+  build_s=${BUILD_S[$name]} build_peak=${BUILD_PEAK[$name]} build_status=${BUILD_STATUS[$name]}
+  dir="$OUT/runs/$name"
+  # the run with the median time (the lower middle one of an even count)
+  read -r median_turn all_totals < <(tr ' ' '\n' <<<"${TOTALS[$name]}" | sort -t: -k1,1g |
+      awk -F: '{ t[NR] = $1; r[NR] = $2 } END {
+        m = int((NR + 1) / 2); s = t[1]; for (i = 2; i <= NR; i++) s = s "," t[i]
+        print r[m], s }')
+  for ext in out err mem status; do
+    cp "$dir/train$median_turn.$ext" "$dir/train.$ext"
+  done
+  total_s=$(tr ' ' '\n' <<<"${TOTALS[$name]}" | awk -F: -v m="$median_turn" '$2 == m { print $1 }')
+  status=$(cat "$dir/train.status")
+  # a run that failed in any turn stands for the configuration instead
+  for ((turn = 1; turn <= REPEAT; turn++)); do
+    if [ "$status" = 0 ] && [ "$(cat "$dir/train$turn.status")" != 0 ]; then
+      for ext in out err mem status; do cp "$dir/train$turn.$ext" "$dir/train.$ext"; done
+      status=$(cat "$dir/train.status")
+    fi
+  done
+  peak=$(tail -1 "$dir/train.mem" 2>/dev/null | grep -E '^[0-9]+$' || echo 0)
 
   last=$(grep -E '^rnd +[0-9]+:' "$dir/train.out" | tail -1 || true)
   done_rounds=$(sed -nE 's/^rnd +([0-9]+):.*/\1/p' <<<"$last")
@@ -302,10 +349,10 @@ for c in "${SELECTED[@]}"; do
   fi
   per_round=$(awk -v t="$total_s" -v b="$build_s" -v n="${done_rounds:-0}" \
       'BEGIN{ if (n > 0) printf "%.5f", (t - b) / n; else print "" }')
-  printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' \
+  printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' \
     "$name" "$stem" "$opts" "$rounds" "${done_rounds:-0}" "$rules" "$occurrences" \
     "$build_s" "$total_s" "$per_round" "$peak" "$build_peak" "$train_err" "$test_err" \
-    "$state" "mhboost -S $stem${opts:+ $opts} -n $rounds" >>"$TSV"
+    "$state" "mhboost -S $stem${opts:+ $opts} -n $rounds" "$all_totals" >>"$TSV"
   echo "   rules $rules, build ${build_s}s, total ${total_s}s, ${per_round}s/round, peak $((peak / 1024)) MiB, train $train_err, test $test_err" >&2
 done
 
