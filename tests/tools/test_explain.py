@@ -1,4 +1,4 @@
-"""Tests of tools/mhboost-inspect: its reading of a model, its explanations,
+"""Tests of tools/mhboost-explain: its reading of a model, its explanations,
 and its scores, which must be the classifier's to the last printed digit."""
 
 import os
@@ -51,7 +51,7 @@ class ScoreTest(TempDirTest):
         self.stem = self.path("m")
 
     def raw(self, *options, stdin=EXAMPLES):
-        status, out, err = run_tool("mhboost-inspect", "--stem", self.stem,
+        status, out, err = run_tool("mhboost-explain", "--stem", self.stem,
                                     "--explain", "--raw", *options,
                                     stdin=stdin)
         self.assertEqual(status, 0, err)
@@ -79,7 +79,7 @@ class ScoreTest(TempDirTest):
         self.assertIn(b"nan", self.raw(stdin=b"y q z, a.\n")[0])
 
     def test_explanation_and_ranking(self):
-        status, out, err = run_tool("mhboost-inspect", "--stem", self.stem,
+        status, out, err = run_tool("mhboost-explain", "--stem", self.stem,
                                     "--explain", stdin=EXAMPLES[:31])
         self.assertEqual(status, 0, err)
         text = out.decode()
@@ -89,7 +89,7 @@ class ScoreTest(TempDirTest):
         self.assertIn("present: colour=blue", text)
         self.assertIn("at/above: age < 30", text)
 
-        status, out, err = run_tool("mhboost-inspect", "--stem", self.stem,
+        status, out, err = run_tool("mhboost-explain", "--stem", self.stem,
                                     "--top", "2")
         self.assertEqual(status, 0, err)
         text = out.decode()
@@ -101,12 +101,12 @@ class ScoreTest(TempDirTest):
         self.assertIn("+4.000000  rule 1 present: title:good news", text)
 
     def test_bad_inputs(self):
-        status, _, err = run_tool("mhboost-inspect", "--stem", self.stem,
+        status, _, err = run_tool("mhboost-explain", "--stem", self.stem,
                                   "--explain", stdin=b"x, green, 1, pos.\n")
         self.assertEqual(status, 1)
         self.assertIn("'green' is not a value of attribute colour", err)
         self.write("m.shyp", "1\n 1.0 SGRAM-good\n0 0\n0 0\n")
-        status, _, err = run_tool("mhboost-inspect", "--stem", self.stem)
+        status, _, err = run_tool("mhboost-explain", "--stem", self.stem)
         self.assertEqual(status, 1)
         self.assertIn("malformed rule header 'SGRAM-good'", err)
 
@@ -132,7 +132,7 @@ class AgreesWithClassifierTest(TempDirTest):
             status, want, want_err = run([binary(), "-S", stem, "-C"] +
                                          options, stdin=test)
             self.assertEqual(status, 0, want_err)
-            status, got, got_err = run_tool("mhboost-inspect", "--stem", stem,
+            status, got, got_err = run_tool("mhboost-explain", "--stem", stem,
                                             "--mode", mode, "--explain",
                                             "--raw", stdin=test)
             self.assertEqual(status, 0, got_err)
