@@ -510,12 +510,19 @@ int lane_units = 1;    // vectors of absent lanes, and of carried rows if dense
 std::vector<double> carried_share;
 int absent_units = 1;  // vectors of absent lanes
 
-// Lists at least this long are summed a band of rows at a time, all of a
-// group's long lists together, so that a band read once from memory serves
-// every list that has entries in it. Each list still adds its rows in its
-// own order, band after band.
-constexpr int kLongList = 48;
-constexpr int kBandRows = 1024;
+// Lists at least long_list long are summed a band of band_rows rows at a
+// time, all of a group's long lists together, so that a band read once from
+// memory serves every list that has entries in it. Each list still adds its
+// rows in its own order, band after band. A band is as many rows as make
+// kBandBytes of one thread's lanes (its share stays in a second-level cache
+// of 1 MiB beside the sums it adds into), and a list is long when it has
+// about four rows per band: shorter ones would add one or two rows per band,
+// and the sums they load and store again at every band would cost more than
+// their rows (measured on debpkg with one and two threads).
+constexpr size_t kBandBytes = size_t{448} << 10;
+int band_rows = 1024;
+int long_list = 48;
+int forced_band_rows = 0;  // set by tests
 
 // The pieces of each group in the order they are added: first the short
 // lists whole, then the long lists' band segments, band after band. The
@@ -560,7 +567,7 @@ void lay_out_group(int base, int s0, int s1, int parts) {
   std::vector<int> longs;
   for (int s = s0; s < s1; ++s) {
     const text_expert_rec& x = experts[slot_expert_all[base + s]];
-    if (x.num_train >= kLongList)
+    if (x.num_train >= long_list)
       longs.push_back(s);
     else
       add_piece(s, x.train_index, x.num_train, true);
@@ -569,13 +576,13 @@ void lay_out_group(int base, int s0, int s1, int parts) {
   if (!longs.empty()) {
     // Each long list's segments, one per band it has rows in, ordered by
     // band; a list's segments keep their order.
-    const int nbands = (data_set->num_train + kBandRows - 1) / kBandRows;
+    const int nbands = (data_set->num_train + band_rows - 1) / band_rows;
     std::vector<std::vector<std::pair<int, int>>> by_band(nbands);  // (slot, list position)
     for (int s : longs) {
       const text_expert_rec& x = experts[slot_expert_all[base + s]];
       int last = -1;
       for (int j = 0; j < x.num_train; ++j) {
-        const int band = x.train_index[j] / kBandRows;
+        const int band = x.train_index[j] / band_rows;
         if (band != last) by_band[band].emplace_back(s, j);
         last = band;
       }
@@ -583,9 +590,9 @@ void lay_out_group(int base, int s0, int s1, int parts) {
     for (const auto& band : by_band)
       for (const auto& [s, j] : band) {
         const text_expert_rec& x = experts[slot_expert_all[base + s]];
-        const int b = x.train_index[j] / kBandRows;
+        const int b = x.train_index[j] / band_rows;
         int end = j;
-        while (end < x.num_train && x.train_index[end] / kBandRows == b) ++end;
+        while (end < x.num_train && x.train_index[end] / band_rows == b) ++end;
         add_piece(s, x.train_index + j, end - j, j == 0);
       }
   }
@@ -892,7 +899,7 @@ void lay_out_blocks() {
     for (int q = 0; q < blk.nslots; ++q) {
       const int n = experts[slot_expert_all[blk.slot_base + q]].num_train;
       work[q + 1] = work[q] + n + 1;
-      if (n >= kLongList) in_long += n;
+      if (n >= long_list) in_long += n;
     }
     if (2 * in_long >= work[blk.nslots] - blk.nslots) {
       blk.groups = groups_per_block;
@@ -1324,6 +1331,8 @@ void Run_Parallel(int n, const std::function<void(int, int, int)>& fn) {
     fn(0, n, 0);
 }
 
+void Score_Pool_Band_Rows(int rows) { forced_band_rows = rows; }
+
 void Score_Pool_Use_Kernel(int level) {
   forced_kernel = level;
   choose_kernels();
@@ -1373,6 +1382,12 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   lane_units = absent_units * (carried_dense ? 2 : 1);
   lane_parts = std::max(1, std::min(pool->Size(), lane_units));
   groups_per_block = std::max(1, pool->Size() / lane_parts);
+  {
+    const size_t part_bytes = 64 * static_cast<size_t>((lane_units + lane_parts - 1) / lane_parts);
+    band_rows = forced_band_rows > 0 ? forced_band_rows
+                                     : static_cast<int>(std::max<size_t>(256, kBandBytes / part_bytes));
+    long_list = std::max(16, 4 * ((m + band_rows - 1) / band_rows));
+  }
   // A carried label added one by one costs about two vectors' adds for
   // each label an example carries (measured on single-label corpora).
   {

@@ -54,4 +54,8 @@ int Score_Pool_Search_Discrete(double* s, double* S, int abstain,
 /// automatic choice of vector kernels. Results never depend on it.
 void Score_Pool_Use_Kernel(int level);
 
+/// For tests: from the next Score_Pool_Init, long lists are summed `rows`
+/// rows at a time (0 restores the automatic size). Results never depend on it.
+void Score_Pool_Band_Rows(int rows);
+
 #endif  // MHBOOST_SCORE_POOL_H_

@@ -162,7 +162,7 @@ TEST(ScorePool, RealScanMatchesSequentialForEveryThreadCount) {
 }
 
 // The shapes the kernels treat apart: several vectors of labels, lists
-// long enough to be summed band by band over more than one band of rows,
+// long enough to be summed band by band over one band of rows or many,
 // threshold sweeps large enough to be split among the threads, and examples
 // that carry few labels (summed one by one) or many (summed as rows). The
 // chosen thresholds must match too.
@@ -182,25 +182,29 @@ TEST(ScorePool, WideShapesMatchSequential) {
     std::vector<double> thresholds;
     for (const auto& x : s.experts) thresholds.push_back(x.threshold);
     for (int threads : {1, 2, 7}) {
-      for (int kernel : {0, -1}) {
-        Score_Pool_Init(s.experts.data(), &s.data, threads);
-        Score_Pool_Use_Kernel(kernel);
-        for (auto& x : s.experts) x.threshold = -1.0;
-        Table got(s.k);
-        // The pool's totals (which also lay out the round's rows) must be
-        // those of the sequential sum.
-        Score_Pool_Totals(s.D.data(), got.W);
-        const std::string what = "k " + std::to_string(s.k) + " threads " + std::to_string(threads) +
-                                 " kernel " + std::to_string(kernel);
-        for (int b = 0; b < 2; ++b)
-          ASSERT_EQ(0, memcmp(start.W[0][b], got.W[0][b], sizeof(double) * s.k)) << what;
-        EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << what;
-        for (int b = 0; b < 2; ++b)
-          EXPECT_EQ(0, memcmp(ref.W[0][b], got.W[0][b], sizeof(double) * s.k)) << what;
-        for (size_t e = 0; e + 1 < s.experts.size(); ++e)
-          if (s.experts[e].type == kTypeThreshold) {
-            EXPECT_EQ(thresholds[e], s.experts[e].threshold) << what << " expert " << e;
-          }
+      for (int band : {0, 96}) {
+        for (int kernel : {0, -1}) {
+          Score_Pool_Band_Rows(band);
+          Score_Pool_Init(s.experts.data(), &s.data, threads);
+          Score_Pool_Band_Rows(0);
+          Score_Pool_Use_Kernel(kernel);
+          for (auto& x : s.experts) x.threshold = -1.0;
+          Table got(s.k);
+          // The pool's totals (which also lay out the round's rows) must be
+          // those of the sequential sum.
+          Score_Pool_Totals(s.D.data(), got.W);
+          const std::string what = "k " + std::to_string(s.k) + " threads " + std::to_string(threads) +
+                                   " band " + std::to_string(band) + " kernel " + std::to_string(kernel);
+          for (int b = 0; b < 2; ++b)
+            ASSERT_EQ(0, memcmp(start.W[0][b], got.W[0][b], sizeof(double) * s.k)) << what;
+          EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << what;
+          for (int b = 0; b < 2; ++b)
+            EXPECT_EQ(0, memcmp(ref.W[0][b], got.W[0][b], sizeof(double) * s.k)) << what;
+          for (size_t e = 0; e + 1 < s.experts.size(); ++e)
+            if (s.experts[e].type == kTypeThreshold) {
+              EXPECT_EQ(thresholds[e], s.experts[e].threshold) << what << " expert " << e;
+            }
+        }
       }
     }
     Score_Pool_Use_Kernel(-1);
