@@ -56,6 +56,8 @@ constexpr int kFarAhead = 48;
 // Threshold sweeps over fewer (example, label) pairs than this run on one
 // thread.
 constexpr long kSmallSweep = 1 << 16;
+// Blocks with fewer candidates than this score them on one thread.
+constexpr int kFewCandidates = 64;
 // Relative safety margin of the lower bound (rounding and the drift of the
 // totals within one block are many orders of magnitude smaller).
 constexpr double kMargin = 1e-7;
@@ -120,6 +122,7 @@ Line_Buffer sums;                // slot -> 2k sums [A0 | A1]
 std::vector<double> bound;       // slot -> lower bound of the score
 std::vector<double> state;       // expert in block -> 2k replayed [U0 | U1]
 std::vector<uint8_t> candidate;  // expert in block -> needs an exact score
+std::vector<int> candidate_list; // the experts in block that do, in order
 std::vector<long double> scores; // expert in block -> exact score
 std::vector<int> copy_of;        // expert in block -> earlier expert with same score, or -1
 
@@ -533,6 +536,7 @@ struct Slot_Group {
   size_t piece_begin, piece_end;  // in all_pieces
   size_t banded_begin;            // the first piece of a long list
   size_t rows_base;               // in piece_rows
+  int s0, s1;                     // its slots in the block
 };
 std::vector<Slot_Group> slot_groups;
 std::vector<Piece> all_pieces;
@@ -553,7 +557,7 @@ uint8_t carried_part_of(int s, int parts) {
 // Lays out the pieces of the slots [s0, s1) of the block starting at slot
 // `base` as one group, to be summed in `parts` lane parts.
 void lay_out_group(int base, int s0, int s1, int parts) {
-  Slot_Group g{all_pieces.size(), 0, 0, piece_rows.size()};
+  Slot_Group g{all_pieces.size(), 0, 0, piece_rows.size(), s0, s1};
   auto add_piece = [&](int slot, const int* list, int length, bool fresh) {
     const size_t offset = piece_rows.size() - g.rows_base;
     if (offset + static_cast<size_t>(length) > static_cast<size_t>(INT32_MAX))
@@ -600,34 +604,38 @@ void lay_out_group(int base, int s0, int s1, int parts) {
   slot_groups.push_back(g);
 }
 
-// Sums A0/A1 of every slot of the block.
-void sum_block(const Term_Block& blk, int k) {
+// Sums A0/A1 of the slots of the block's group q / parts, in lane part
+// q % parts.
+void sum_group_part(const Term_Block& blk, int q, int k) {
   const size_t two_k = 2 * static_cast<size_t>(k);
   const int parts = blk.parts;
-  pool->Run(blk.groups * parts, [&](int q0, int q1, int) {
-    for (int q = q0; q < q1; ++q) {
-      const Slot_Group& g = slot_groups[blk.group_base + q / parts];
-      const int part = q % parts;
-      const int u0 = lane_units * part / parts, u1 = lane_units * (part + 1) / parts;
-      const Piece* pieces = &all_pieces[g.piece_begin];
-      const size_t npieces = g.piece_end - g.piece_begin;
-      const size_t far_end = g.banded_begin - g.piece_begin;
-      const int* rows = &piece_rows[g.rows_base];
-      // Absent-label vectors [u0, u1), beyond them the carried rows' vectors
-      // (dense), or the carried labels of the pieces this part takes.
-      const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
-      double* carried_out = carried_dense ? nullptr : sums.data() + k;
-      if (a0 < a1)
-        add_rows(sums.data(), two_k, absent_rows, pieces, npieces, far_end, rows, std::min(k, 8 * a1),
-                 8 * a0, carried_out, part, k);
-      else if (carried_out != nullptr)
-        add_carried(carried_out, two_k, pieces, npieces, rows, part, k);
-      if (carried_dense && u1 > absent_units) {
-        const int c0 = std::max(u0, absent_units) - absent_units, c1 = u1 - absent_units;
-        add_rows(sums.data() + k, two_k, carried_rows, pieces, npieces, far_end, rows,
-                 std::min(k, 8 * c1), 8 * c0, nullptr, -1, k);
-      }
-    }
+  const Slot_Group& g = slot_groups[blk.group_base + q / parts];
+  const int part = q % parts;
+  const int u0 = lane_units * part / parts, u1 = lane_units * (part + 1) / parts;
+  const Piece* pieces = &all_pieces[g.piece_begin];
+  const size_t npieces = g.piece_end - g.piece_begin;
+  const size_t far_end = g.banded_begin - g.piece_begin;
+  const int* rows = &piece_rows[g.rows_base];
+  // Absent-label vectors [u0, u1), beyond them the carried rows' vectors
+  // (dense), or the carried labels of the pieces this part takes.
+  const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
+  double* carried_out = carried_dense ? nullptr : sums.data() + k;
+  if (a0 < a1)
+    add_rows(sums.data(), two_k, absent_rows, pieces, npieces, far_end, rows, std::min(k, 8 * a1),
+             8 * a0, carried_out, part, k);
+  else if (carried_out != nullptr)
+    add_carried(carried_out, two_k, pieces, npieces, rows, part, k);
+  if (carried_dense && u1 > absent_units) {
+    const int c0 = std::max(u0, absent_units) - absent_units, c1 = u1 - absent_units;
+    add_rows(sums.data() + k, two_k, carried_rows, pieces, npieces, far_end, rows,
+             std::min(k, 8 * c1), 8 * c0, nullptr, -1, k);
+  }
+}
+
+// Sums A0/A1 of every slot of the block.
+void sum_block(const Term_Block& blk, int k) {
+  pool->Run(blk.groups * blk.parts, [&](int q0, int q1, int) {
+    for (int q = q0; q < q1; ++q) sum_group_part(blk, q, k);
   });
 }
 
@@ -1203,27 +1211,39 @@ std::vector<double> sweep_terms, sweep_partial;
   const Term_Block& blk = term_blocks[block];
   slot_of = &slot_of_all[b];
   const int nslots = blk.nslots;
-  sum_block(blk, k);
 
   // The totals at the start of the block, as one 2k-vector [T0 | T1].
   std::vector<double> totals(two_k);
   memcpy(totals.data(), t0, sizeof(double) * k);
   memcpy(totals.data() + k, t1, sizeof(double) * k);
 
-  // Bounds, and the lanes that any slot of the block would move: a lane
-  // where max(T - A, 0) + A gives back T for every slot keeps its total
-  // through the whole block, so only the other lanes need the replay.
+  // Sums and bounds, and the lanes that any slot of the block would move: a
+  // lane where max(T - A, 0) + A gives back T for every slot keeps its total
+  // through the whole block, so only the other lanes need the replay. When
+  // every thread sums whole slots, it bounds its own slots straight after.
   const int lane_groups = static_cast<int>((two_k + 7) / 8);
   std::vector<uint8_t> moved(static_cast<size_t>(pool->Size()) * lane_groups, 0);
   std::vector<double> r(two_k);
   memcpy(r.data(), r0.data(), sizeof(double) * k);
   memcpy(r.data() + k, r1.data(), sizeof(double) * k);
-  pool->Run(nslots, [&](int s0, int s1, int thread) {
+  auto bound_slots = [&](int s0, int s1, int thread) {
     uint8_t* mv = &moved[static_cast<size_t>(thread) * lane_groups];
     for (int s = s0; s < s1; ++s)
       bound[s] = g_total - bound_and_moved(&sums[s * two_k], r.data(), totals.data(),
                                            static_cast<int>(two_k), mv);
-  });
+  };
+  if (blk.parts == 1) {
+    pool->Run(blk.groups, [&](int q0, int q1, int thread) {
+      for (int q = q0; q < q1; ++q) {
+        sum_group_part(blk, q, k);
+        const Slot_Group& g = slot_groups[blk.group_base + q];
+        bound_slots(g.s0, g.s1, thread);
+      }
+    });
+  } else {
+    sum_block(blk, k);
+    pool->Run(nslots, bound_slots);
+  }
   for (int t = 1; t < pool->Size(); ++t)
     for (int g = 0; g < lane_groups; ++g) moved[g] |= moved[static_cast<size_t>(t) * lane_groups + g];
   std::vector<int> busy;
@@ -1231,8 +1251,21 @@ std::vector<double> sweep_terms, sweep_partial;
     if (moved[g]) busy.push_back(g);
 
   const int n = e - b;
-  for (int j = 0; j < n; ++j)
+  std::vector<int>& cands = candidate_list;
+  cands.clear();
+  for (int j = 0; j < n; ++j) {
     candidate[j] = limit == HUGE_VAL || bound[slot_of[j]] < limit;
+    if (candidate[j]) cands.push_back(j);
+  }
+  // Candidates are few as a rule: a handful of them cost less on this
+  // thread than handing them to the others.
+  const int ncand = static_cast<int>(cands.size());
+  auto for_candidates = [&](const std::function<void(int, int, int)>& fn) {
+    if (ncand < kFewCandidates)
+      fn(0, ncand, 0);
+    else
+      pool->Run(ncand, fn);
+  };
 
   // Replay of the totals in array order for the lanes that move, split
   // among the threads; consecutive lane groups go to the kernel together.
@@ -1252,9 +1285,9 @@ std::vector<double> sweep_terms, sweep_partial;
   memcpy(t1, totals.data() + k, sizeof(double) * k);
   // The candidates' states in the lanes that did not move.
   if (static_cast<int>(busy.size()) < lane_groups) {
-    pool->Run(n, [&](int j0, int j1, int) {
-      for (int j = j0; j < j1; ++j) {
-        if (!candidate[j]) continue;
+    for_candidates([&](int q0, int q1, int) {
+      for (int q = q0; q < q1; ++q) {
+        const int j = cands[q];
         const double* a = &sums[slot_of[j] * two_k];
         double* u = &state[j * two_k];
         for (int g = 0; g < lane_groups; ++g) {
@@ -1272,10 +1305,10 @@ std::vector<double> sweep_terms, sweep_partial;
 
   // Exact scores of the candidates; an expert whose twin just before it saw
   // the same totals has the same score.
-  pool->Run(n, [&](int j0, int j1, int) {
-    for (int j = j0; j < j1; ++j) {
+  for_candidates([&](int q0, int q1, int) {
+    for (int q = q0; q < q1; ++q) {
+      const int j = cands[q];
       copy_of[j] = -1;
-      if (!candidate[j]) continue;
       const double* u0 = &state[j * two_k];
       const int twin = prev_twin[b + j];
       if (twin >= b && candidate[twin - b] &&
@@ -1299,8 +1332,7 @@ std::vector<double> sweep_terms, sweep_partial;
   });
 
   int won = -1;
-  for (int j = 0; j < n; ++j) {
-    if (!candidate[j]) continue;
+  for (const int j : cands) {
     if (copy_of[j] >= 0) scores[j] = scores[copy_of[j]];
     const double s = static_cast<double>(scores[j]);
     if (s < *best) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
@@ -158,6 +159,43 @@ TEST(ScorePool, RealScanMatchesSequentialForEveryThreadCount) {
             << "totals differ, threads " << threads << " seed " << seed;
     }
     Score_Pool_Use_Kernel(-1);
+  }
+}
+
+// Experts ordered by falling score all pass the bound and each in turn
+// becomes the best, so the winner is the last of them: every candidate of
+// a block must be scored, whether a block has a few or very many.
+TEST(ScorePool, EveryCandidateIsScored) {
+  for (int n : {40, 3000}) {
+    Synthetic s;
+    build(&s, 11, 300, 9, n);
+    std::vector<std::pair<double, int>> by_score;
+    for (int e = 0; e < n; ++e) {
+      if (s.experts[e].type != kTypeFgram) continue;
+      Table t(s.k);
+      fill_totals(s, t.W);
+      const double score = static_cast<double>(
+          Text_Expert_Table_Exp_Loss(s.D.data(), &s.experts[e], s.labels.data(), s.k, t.W));
+      by_score.push_back({-score, e});
+    }
+    std::sort(by_score.begin(), by_score.end());
+    std::vector<text_expert_rec> ordered;
+    for (size_t q = 0; q < by_score.size(); ++q)
+      if (q == 0 || by_score[q].first != by_score[q - 1].first)
+        ordered.push_back(s.experts[by_score[q].second]);
+    const int last = static_cast<int>(ordered.size()) - 1;
+    ordered.push_back(text_expert_rec{});
+    s.experts = ordered;
+    Table ref(s.k);
+    fill_totals(s, ref.W);
+    const int expected = sequential_scan(&s, ref.W, 0);
+    ASSERT_GT(expected, last - 3) << "the set no longer has its winner at the end";
+    for (int threads : {1, 2, 7}) {
+      Score_Pool_Init(s.experts.data(), &s.data, threads);
+      Table got(s.k);
+      fill_totals(s, got.W);
+      EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << n << " experts, threads " << threads;
+    }
   }
 }
 
