@@ -523,6 +523,9 @@ void publish_distribution(double err) {
       }
     }
   });
+  // Every example of a group got the same weights (and has the same
+  // labels), so the scan can keep one row of weights per group.
+  Score_Pool_Row_Groups(of, train_groups.first.data(), train_groups.count);
 }
 
 void modify_distribution(struct weak_hyp* /*entry*/, double err, double abstain) {

@@ -203,6 +203,13 @@ void ensure_block_storage(int k) {
 // the carried weights get full rows of their own (carried_rows) instead.
 size_t row_stride = 0;
 double* absent_rows = nullptr;
+// Examples whose weights are the same in every label (the boosting loop
+// keeps such groups) can share one row: then row_map[i] is example i's row
+// and rows hold one row per group; otherwise row_map is null and row i is
+// example i's. A sum adds the same values in the same order either way.
+const int* row_map = nullptr;
+std::vector<int> group_of_example, group_first;
+bool groups_pending = false;
 double* carried_rows = nullptr;
 size_t rows_capacity = 0;
 bool carried_dense = false;
@@ -239,7 +246,8 @@ void add_rows_plain(double* __restrict out, size_t two_k, const double* __restri
     if (p.fresh)
       for (int l = c0; l < c1; ++l) a[l] = 0.0;
     for (int j = 0; j < p.length; ++j) {
-      const double* row = rows + static_cast<size_t>(flat[p.offset + j]) * row_stride;
+      const int i = flat[p.offset + j];
+      const double* row = rows + static_cast<size_t>(row_map != nullptr ? row_map[i] : i) * row_stride;
       for (int l = c0; l < c1; ++l) a[l] += row[l];
     }
   }
@@ -247,11 +255,13 @@ void add_rows_plain(double* __restrict out, size_t two_k, const double* __restri
 
 // Lanes [c, min(c + 8V, c1)) of every piece, the sums kept in registers
 // while a piece is added.
-template <int V, bool Carried>
+template <int V, bool Carried, bool Mapped>
 __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pass(
     double* __restrict out, size_t two_k, const double* __restrict rows, const Piece* pieces,
     size_t npieces, size_t far_end, const int* __restrict flat, int total, int c1, int c,
     double* __restrict carried_out, int carried_part, int k) {
+  const int* map = row_map;
+  auto row_of = [map](int i) { return static_cast<size_t>(Mapped ? map[i] : i); };
   const int* first = carried_first.data();
   const int* label = carried_label.data();
   const double* weight = carried_weight.data();
@@ -279,19 +289,19 @@ __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pa
     for (int j = 0; j < p.length; ++j) {
       if (j + kNearAhead < ahead_end) {
         // Rows are scattered: ask for the row a few occurrences ahead.
-        const double* next = rows + static_cast<size_t>(list[j + kNearAhead]) * stride + c;
+        const double* next = rows + row_of(list[j + kNearAhead]) * stride + c;
 #pragma GCC unroll 8
         for (int v = 0; v < V; ++v)
           _mm_prefetch(reinterpret_cast<const char*>(next + 8 * v), _MM_HINT_T0);
       }
       if (far && j + kFarAhead < ahead_end) {
         // Short lists read rows from memory: ask for them earlier still.
-        const double* next = rows + static_cast<size_t>(list[j + kFarAhead]) * stride + c;
+        const double* next = rows + row_of(list[j + kFarAhead]) * stride + c;
 #pragma GCC unroll 8
         for (int v = 0; v < V; ++v)
           _mm_prefetch(reinterpret_cast<const char*>(next + 8 * v), _MM_HINT_T1);
       }
-      const double* row = rows + static_cast<size_t>(list[j]) * stride + c;
+      const double* row = rows + row_of(list[j]) * stride + c;
 #pragma GCC unroll 8
       for (int v = 0; v < V; ++v) s[v] = _mm512_add_pd(s[v], _mm512_load_pd(row + 8 * v));
       if (carried) {
@@ -316,19 +326,18 @@ __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, 
   // The carried labels' sums go with the first pass.
   for (int c = c0; c < c1; c += 64) {
     const bool carried = carried_out != nullptr && c == c0;
-    switch ((std::min(c1, c + 64) - c + 7) / 8 + (carried ? 8 : 0)) {
-#define MHB_PASS(V)                                                                       \
-  case V:                                                                                 \
-    add_rows_avx512_pass<V, false>(out, two_k, rows, pieces, npieces, far_end, flat, total, c1, c, \
-                                   carried_out, carried_part, k);                         \
-    break;                                                                                \
-  case V + 8:                                                                             \
-    add_rows_avx512_pass<V, true>(out, two_k, rows, pieces, npieces, far_end, flat, total, c1, c,  \
-                                  carried_out, carried_part, k);                          \
+    switch ((std::min(c1, c + 64) - c + 7) / 8 + (carried ? 8 : 0) + (row_map != nullptr ? 16 : 0)) {
+#define MHB_PASS_AS(V, C, M)                                                                 \
+  case V + (C ? 8 : 0) + (M ? 16 : 0):                                                       \
+    add_rows_avx512_pass<V, C, M>(out, two_k, rows, pieces, npieces, far_end, flat, total, c1, c, \
+                                  carried_out, carried_part, k);                             \
     break;
+#define MHB_PASS(V) \
+  MHB_PASS_AS(V, false, false) MHB_PASS_AS(V, true, false) MHB_PASS_AS(V, false, true) MHB_PASS_AS(V, true, true)
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
       MHB_PASS(8)
 #undef MHB_PASS
+#undef MHB_PASS_AS
     }
   }
 }
@@ -639,40 +648,43 @@ void sum_block(const Term_Block& blk, int k) {
   });
 }
 
-// The weight rows of examples [i0, i1) in the layout the sums read (see
-// absent_rows).
-void fill_rows_plain(const double* D, size_t i0, size_t i1) {
+// Weight rows [r0, r1) in the layout the sums read (see absent_rows):
+// row r from example src[r], or from example r when src is null.
+void fill_rows_plain(const double* D, size_t r0, size_t r1, const int* src) {
   const size_t k = static_cast<size_t>(num_labels);
   const uint8_t* y = label_rows.data();
-  for (size_t i = i0; i < i1; ++i) {
+  for (size_t r = r0; r < r1; ++r) {
+    const size_t i = src != nullptr ? static_cast<size_t>(src[r]) : r;
     const double* d = D + i * k;
     const uint8_t* yi = y + i * k;
-    double* out = absent_rows + i * row_stride;
+    double* out = absent_rows + r * row_stride;
     for (size_t l = 0; l < k; ++l) out[l] = yi[l] ? 0.0 : d[l];
     for (size_t l = k; l < row_stride; ++l) out[l] = 0.0;
     if (carried_dense) {
-      double* in = carried_rows + i * row_stride;
+      double* in = carried_rows + r * row_stride;
       for (size_t l = 0; l < k; ++l) in[l] = yi[l] ? d[l] : 0.0;
       for (size_t l = k; l < row_stride; ++l) in[l] = 0.0;
     }
   }
 }
 
-__attribute__((target("avx512f"))) void fill_rows_avx512(const double* D, size_t i0, size_t i1) {
+__attribute__((target("avx512f"))) void fill_rows_avx512(const double* D, size_t r0, size_t r1,
+                                                         const int* src) {
   const int k = num_labels;
   const size_t ku = static_cast<size_t>(k);
   const int nvec = absent_units;
-  for (size_t i = i0; i < i1; ++i) {
+  for (size_t r = r0; r < r1; ++r) {
+    const size_t i = src != nullptr ? static_cast<size_t>(src[r]) : r;
     const double* row = D + i * ku;
     const uint8_t* ab = absent_bytes.data() + i * nvec;
-    double* out = absent_rows + i * row_stride;
+    double* out = absent_rows + r * row_stride;
     for (int v = 0; v < nvec; ++v) {
       const int left = k - 8 * v;
       const __mmask8 lanes = left >= 8 ? 0xFF : static_cast<__mmask8>((1u << left) - 1);
       const __m512d d = _mm512_maskz_loadu_pd(lanes, row + 8 * v);
       _mm512_store_pd(out + 8 * v, _mm512_maskz_mov_pd(ab[v], d));
       if (carried_dense)
-        _mm512_store_pd(carried_rows + i * row_stride + 8 * v,
+        _mm512_store_pd(carried_rows + r * row_stride + 8 * v,
                         _mm512_maskz_mov_pd(static_cast<__mmask8>(~ab[v] & lanes), d));
     }
   }
@@ -686,7 +698,8 @@ void totals_plain(double* t, int c0, int c1) {
   const size_t m = static_cast<size_t>(data_set->num_train);
   for (int c = c0; c < c1; ++c) t[c] = 0.0;
   for (size_t i = 0; i < m; ++i) {
-    const double* row = absent_rows + i * row_stride;
+    const size_t r = row_map != nullptr ? static_cast<size_t>(row_map[i]) : i;
+    const double* row = absent_rows + r * row_stride;
     for (int c = c0; c < c1; ++c) t[c] += row[c];
   }
 }
@@ -713,7 +726,8 @@ __attribute__((target("avx512f"))) void totals_avx512_pass(double* t, int c) {
   __m512d s[V];
   for (int v = 0; v < V; ++v) s[v] = _mm512_setzero_pd();
   for (size_t i = 0; i < m; ++i) {
-    const double* row = absent_rows + i * row_stride + c;
+    const size_t r = row_map != nullptr ? static_cast<size_t>(row_map[i]) : i;
+    const double* row = absent_rows + r * row_stride + c;
 #pragma GCC unroll 8
     for (int v = 0; v < V; ++v) s[v] = _mm512_add_pd(s[v], _mm512_load_pd(row + 8 * v));
   }
@@ -736,9 +750,10 @@ void totals_avx512(double* t, int c0, int c1) {
 
 // Lanes [c, c + 8V) of every example's weight row from D, and their
 // totals: each lane summed over the rows in example order from zero, as
-// totals_avx512 sums them. The rows are written past the caches: a round's
-// rows outgrow them, and a plain store would first read each line in.
-template <int V>
+// totals_avx512 sums them. With Store, the rows are written too, past the
+// caches: a round's rows outgrow them, and a plain store would first read
+// each line in.
+template <int V, bool Store>
 __attribute__((target("avx512f"))) void fill_totals_avx512_pass(const double* D, double* t, int c) {
   const size_t m = static_cast<size_t>(data_set->num_train);
   const int k = num_labels;
@@ -760,22 +775,25 @@ __attribute__((target("avx512f"))) void fill_totals_avx512_pass(const double* D,
     for (int v = 0; v < V; ++v) {
       const __m512d d = _mm512_maskz_loadu_pd(lanes[v], row + 8 * v);
       const __m512d x = _mm512_maskz_mov_pd(ab[i * nvec + v], d);
-      _mm512_stream_pd(out + 8 * v, x);
+      if (Store) _mm512_stream_pd(out + 8 * v, x);
       s[v] = _mm512_add_pd(s[v], x);
     }
   }
   // The streamed rows reach memory before the threads that read them start.
-  _mm_sfence();
+  if (Store) _mm_sfence();
 #pragma GCC unroll 8
   for (int v = 0; v < V; ++v) _mm512_storeu_pd(t + c + 8 * v, s[v]);
 }
 
-void fill_totals_avx512(const double* D, double* t, int c0, int c1) {
+void fill_totals_avx512(const double* D, double* t, int c0, int c1, bool store) {
   for (int c = c0; c < c1; c += 64) {
-    switch ((std::min(c1, c + 64) - c) / 8) {
-#define MHB_PASS(V)                      \
-  case V:                                \
-    fill_totals_avx512_pass<V>(D, t, c); \
+    switch ((std::min(c1, c + 64) - c) / 8 + (store ? 8 : 0)) {
+#define MHB_PASS(V)                                \
+  case V:                                          \
+    fill_totals_avx512_pass<V, false>(D, t, c);    \
+    break;                                         \
+  case V + 8:                                      \
+    fill_totals_avx512_pass<V, true>(D, t, c);     \
     break;
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
       MHB_PASS(8)
@@ -823,26 +841,47 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
     memset(absent_rows + m * row_stride, 0, 8 * sizeof(double));
     rows_capacity = cells;
   }
+  // One row per group where the groups save a quarter of the rows or more.
+  row_map = nullptr;
+  const int* src = nullptr;
+  size_t nrows = m;
+  if (groups_pending && !carried_dense && 4 * group_first.size() <= 3 * m) {
+    row_map = group_of_example.data();
+    src = group_first.data();
+    nrows = group_first.size();
+  }
+  groups_pending = false;
+  auto fill_rows = [&](size_t r0, size_t r1, const int* from) {
+    if (sweep_vectors)
+      fill_rows_avx512(D, r0, r1, from);
+    else
+      fill_rows_plain(D, r0, r1, from);
+  };
+  auto fill_group_rows = [&] {
+    pool->Run(static_cast<int>(nrows), [&](int r0, int r1, int) {
+      fill_rows(static_cast<size_t>(r0), static_cast<size_t>(r1), src);
+    });
+  };
   if (t0 != nullptr && sweep_vectors && !carried_dense) {
-    // Rows and totals in one pass over D, split by lanes; the carried
-    // labels go with the first part, which has the fewest vectors.
+    // Totals (and rows, one per example) in one pass over D, split by
+    // lanes; the carried labels go with the first part, which has the
+    // fewest vectors.
     std::vector<double> t(row_stride);
     pool->Run(lane_parts, [&](int p0, int p1, int) {
       for (int part = p0; part < p1; ++part) {
         const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
-        fill_totals_avx512(D, t.data(), 8 * u0, 8 * u1);
+        fill_totals_avx512(D, t.data(), 8 * u0, 8 * u1, row_map == nullptr);
         if (part == 0) fill_carried_totals(D, t1);
       }
     });
+    if (row_map != nullptr) fill_group_rows();
     for (int l = 0; l < k; ++l) t0[l] = t[l];
     return;
   }
-  // Otherwise the rows split by examples, then the totals split by lanes.
+  // Otherwise the rows, then the totals split by lanes.
+  if (row_map != nullptr) fill_group_rows();
   pool->Run(static_cast<int>(m), [&](int i0, int i1, int) {
-    if (sweep_vectors)
-      fill_rows_avx512(D, static_cast<size_t>(i0), static_cast<size_t>(i1));
-    else
-      fill_rows_plain(D, static_cast<size_t>(i0), static_cast<size_t>(i1));
+    if (row_map == nullptr) fill_rows(static_cast<size_t>(i0), static_cast<size_t>(i1), nullptr);
     if (!carried_dense)
       for (int i = i0; i < i1; ++i)
         for (int r = carried_first[i]; r < carried_first[i + 1]; ++r)
@@ -1364,6 +1403,14 @@ void Run_Parallel(int n, const std::function<void(int, int, int)>& fn) {
 }
 
 void Score_Pool_Band_Rows(int rows) { forced_band_rows = rows; }
+
+void Score_Pool_Row_Groups(const int* group_of, const int* first, int count) {
+  const int m = data_set != nullptr ? data_set->num_train : 0;
+  if (count < 1 || count > m) return;
+  group_of_example.assign(group_of, group_of + m);
+  group_first.assign(first, first + count);
+  groups_pending = true;
+}
 
 void Score_Pool_Use_Kernel(int level) {
   forced_kernel = level;

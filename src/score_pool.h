@@ -50,6 +50,13 @@ void Score_Pool_Last_Table(weight_table W, int k);
 int Score_Pool_Search_Discrete(double* s, double* S, int abstain,
                                double* result[3]);
 
+/// Tells the next Score_Pool_Totals (or search) that the training examples
+/// fall into `count` groups whose rows of D are equal in every label (and
+/// whose label bytes are equal): example i is in group group_of[i], and
+/// first[g] is an example of group g. The scan may then keep one weight row
+/// per group. Results never depend on it.
+void Score_Pool_Row_Groups(const int* group_of, const int* first, int count);
+
 /// For tests: 0 or 1 restricts the scan to its plain loops, -1 restores the
 /// automatic choice of vector kernels. Results never depend on it.
 void Score_Pool_Use_Kernel(int level);

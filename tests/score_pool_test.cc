@@ -315,6 +315,58 @@ TEST(ScorePool, AbstainingScanMatchesSequential) {
   }
 }
 
+// Examples in groups with equal labels and equal weights, as the boosting
+// loop keeps them: with one row per group the scans must still choose what
+// the sequential scans choose and leave the same totals.
+TEST(ScorePool, GroupsSharingRowsMatchSequential) {
+  for (const int k : {7, 40}) {
+    Synthetic s;
+    build(&s, 21 + k, 1200, k, 2500);
+    const int groups = 300;
+    std::mt19937 rng(5);
+    std::vector<int> group_of(s.m), first(groups);
+    for (int i = 0; i < s.m; ++i) {
+      // The first examples in a scrambled order, so that group g's first
+      // example is not example g.
+      const int g = i < groups ? i * 7 % groups : static_cast<int>(rng() % groups);
+      group_of[i] = g;
+      if (i < groups) {
+        first[g] = i;
+        continue;
+      }
+      s.label_store[i] = s.label_store[first[g]];
+      std::copy_n(&s.D[static_cast<size_t>(first[g]) * k], k, &s.D[static_cast<size_t>(i) * k]);
+    }
+    Table ref(s.k);
+    fill_totals(s, ref.W);
+    const int expected = sequential_scan(&s, ref.W, 0);
+    Table abstaining_ref(s.k);
+    const int expected_abstaining = sequential_scan(&s, abstaining_ref.W, 1);
+    for (int threads : {1, 2, 7}) {
+      for (int band : {0, 96}) {
+        for (int kernel : {0, -1}) {
+          const std::string what = "k " + std::to_string(k) + " threads " + std::to_string(threads) +
+                                   " band " + std::to_string(band) + " kernel " + std::to_string(kernel);
+          Score_Pool_Band_Rows(band);
+          Score_Pool_Init(s.experts.data(), &s.data, threads);
+          Score_Pool_Band_Rows(0);
+          Score_Pool_Use_Kernel(kernel);
+          Table got(s.k);
+          Score_Pool_Row_Groups(group_of.data(), first.data(), groups);
+          Score_Pool_Totals(s.D.data(), got.W);
+          EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << what;
+          for (int b = 0; b < 2; ++b)
+            EXPECT_EQ(0, memcmp(ref.W[0][b], got.W[0][b], sizeof(double) * s.k)) << what;
+          Table abstaining(s.k);
+          Score_Pool_Row_Groups(group_of.data(), first.data(), groups);
+          EXPECT_EQ(expected_abstaining, Score_Pool_Search(s.D.data(), abstaining.W, 1)) << what;
+        }
+      }
+    }
+    Score_Pool_Use_Kernel(-1);
+  }
+}
+
 TEST(ScorePool, DistantTwinsAndEmptyLists) {
   Synthetic s;
   build(&s, 11, 40, 2, 10);
