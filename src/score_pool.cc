@@ -287,14 +287,16 @@ __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pa
     const int ahead_end = total - p.offset;
     const bool far = q < far_end;
     for (int j = 0; j < p.length; ++j) {
-      if (j + kNearAhead < ahead_end) {
+      // Rows shared by groups are few and stay in the caches; looking up
+      // the rows ahead would cost more than fetching them saves.
+      if (!Mapped && j + kNearAhead < ahead_end) {
         // Rows are scattered: ask for the row a few occurrences ahead.
         const double* next = rows + row_of(list[j + kNearAhead]) * stride + c;
 #pragma GCC unroll 8
         for (int v = 0; v < V; ++v)
           _mm_prefetch(reinterpret_cast<const char*>(next + 8 * v), _MM_HINT_T0);
       }
-      if (far && j + kFarAhead < ahead_end) {
+      if (!Mapped && far && j + kFarAhead < ahead_end) {
         // Short lists read rows from memory: ask for them earlier still.
         const double* next = rows + row_of(list[j + kFarAhead]) * stride + c;
 #pragma GCC unroll 8
