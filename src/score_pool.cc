@@ -752,10 +752,9 @@ void totals_avx512(double* t, int c0, int c1) {
 
 // Lanes [c, c + 8V) of every example's weight row from D, and their
 // totals: each lane summed over the rows in example order from zero, as
-// totals_avx512 sums them. With Store, the rows are written too, past the
-// caches: a round's rows outgrow them, and a plain store would first read
-// each line in.
-template <int V, bool Store>
+// totals_avx512 sums them. The rows are written past the caches: a round's
+// rows outgrow them, and a plain store would first read each line in.
+template <int V>
 __attribute__((target("avx512f"))) void fill_totals_avx512_pass(const double* D, double* t, int c) {
   const size_t m = static_cast<size_t>(data_set->num_train);
   const int k = num_labels;
@@ -777,25 +776,22 @@ __attribute__((target("avx512f"))) void fill_totals_avx512_pass(const double* D,
     for (int v = 0; v < V; ++v) {
       const __m512d d = _mm512_maskz_loadu_pd(lanes[v], row + 8 * v);
       const __m512d x = _mm512_maskz_mov_pd(ab[i * nvec + v], d);
-      if (Store) _mm512_stream_pd(out + 8 * v, x);
+      _mm512_stream_pd(out + 8 * v, x);
       s[v] = _mm512_add_pd(s[v], x);
     }
   }
   // The streamed rows reach memory before the threads that read them start.
-  if (Store) _mm_sfence();
+  _mm_sfence();
 #pragma GCC unroll 8
   for (int v = 0; v < V; ++v) _mm512_storeu_pd(t + c + 8 * v, s[v]);
 }
 
-void fill_totals_avx512(const double* D, double* t, int c0, int c1, bool store) {
+void fill_totals_avx512(const double* D, double* t, int c0, int c1) {
   for (int c = c0; c < c1; c += 64) {
-    switch ((std::min(c1, c + 64) - c) / 8 + (store ? 8 : 0)) {
-#define MHB_PASS(V)                                \
-  case V:                                          \
-    fill_totals_avx512_pass<V, false>(D, t, c);    \
-    break;                                         \
-  case V + 8:                                      \
-    fill_totals_avx512_pass<V, true>(D, t, c);     \
+    switch ((std::min(c1, c + 64) - c) / 8) {
+#define MHB_PASS(V)                      \
+  case V:                                \
+    fill_totals_avx512_pass<V>(D, t, c); \
     break;
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
       MHB_PASS(8)
@@ -865,18 +861,22 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
     });
   };
   if (t0 != nullptr && sweep_vectors && !carried_dense) {
-    // Totals (and rows, one per example) in one pass over D, split by
-    // lanes; the carried labels go with the first part, which has the
-    // fewest vectors.
+    // Rows and totals split by lanes; the carried labels go with the first
+    // part, which has the fewest vectors. Rows per example and their
+    // totals come from one pass over D; group rows are written first, and
+    // the totals then read them (a few MB) rather than D.
+    if (row_map != nullptr) fill_group_rows();
     std::vector<double> t(row_stride);
     pool->Run(lane_parts, [&](int p0, int p1, int) {
       for (int part = p0; part < p1; ++part) {
         const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
-        fill_totals_avx512(D, t.data(), 8 * u0, 8 * u1, row_map == nullptr);
+        if (row_map != nullptr)
+          totals_avx512(t.data(), 8 * u0, 8 * u1);
+        else
+          fill_totals_avx512(D, t.data(), 8 * u0, 8 * u1);
         if (part == 0) fill_carried_totals(D, t1);
       }
     });
-    if (row_map != nullptr) fill_group_rows();
     for (int l = 0; l < k; ++l) t0[l] = t[l];
     return;
   }
