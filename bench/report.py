@@ -77,7 +77,11 @@ def load_note(meta):
     figures = ('load average %s at the start; other processes kept %s cores '
                'busy on average during the run'
                % (fmt(load, 2), fmt(other, 2)))
-    if load > 1 or other > 0.5:
+    # The other processes' share during the run is what counts; the load
+    # average at the start also counts work that ended just before it, so
+    # it decides only when the share was not measured.
+    shared = other > 0.5 if other == other else load > 1
+    if shared:
         return ('**The machine was shared with other builds and tests at the '
                 'time** (%s), so the times are inflated, two-thread runs most '
                 'of all. Re-run on an idle machine for figures to quote.'
