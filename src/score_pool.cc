@@ -1424,6 +1424,9 @@ void Score_Pool_Use_Kernel(int level) {
 void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
   experts = e;
   data_set = d;
+  // Groups given for another set of examples mean nothing here.
+  groups_pending = false;
+  row_map = nullptr;
   num_labels = d->num_classes;
   num_experts = 0;
   while (experts[num_experts].term != nullptr) ++num_experts;
