@@ -291,14 +291,14 @@ __attribute__((target("avx512f"), always_inline)) inline void add_rows_avx512_pa
       // the rows ahead would cost more than fetching them saves.
       if (!Mapped && j + kNearAhead < ahead_end) {
         // Rows are scattered: ask for the row a few occurrences ahead.
-        const double* next = rows + row_of(list[j + kNearAhead]) * stride + c;
+        const double* next = rows + static_cast<size_t>(list[j + kNearAhead]) * stride + c;
 #pragma GCC unroll 8
         for (int v = 0; v < V; ++v)
           _mm_prefetch(reinterpret_cast<const char*>(next + 8 * v), _MM_HINT_T0);
       }
       if (!Mapped && far && j + kFarAhead < ahead_end) {
         // Short lists read rows from memory: ask for them earlier still.
-        const double* next = rows + row_of(list[j + kFarAhead]) * stride + c;
+        const double* next = rows + static_cast<size_t>(list[j + kFarAhead]) * stride + c;
 #pragma GCC unroll 8
         for (int v = 0; v < V; ++v)
           _mm_prefetch(reinterpret_cast<const char*>(next + 8 * v), _MM_HINT_T1);
@@ -839,13 +839,11 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
     memset(absent_rows + m * row_stride, 0, 8 * sizeof(double));
     rows_capacity = cells;
   }
-  // One row per group where the groups save half the rows or more (with
-  // more groups, the rows outgrow the caches and the extra passes of the
-  // fill cost more than they save: measured on debpkg's words).
+  // One row per group when groups were given for this round.
   row_map = nullptr;
   const int* src = nullptr;
   size_t nrows = m;
-  if (groups_pending && !carried_dense && 2 * group_first.size() <= m) {
+  if (groups_pending) {
     row_map = group_of_example.data();
     src = group_first.data();
     nrows = group_first.size();
@@ -1409,8 +1407,12 @@ void Run_Parallel(int n, const std::function<void(int, int, int)>& fn) {
 void Score_Pool_Band_Rows(int rows) { forced_band_rows = rows; }
 
 void Score_Pool_Row_Groups(const int* group_of, const int* first, int count) {
+  // Rows are kept per group only where the groups save half the rows or
+  // more: with more groups, the rows outgrow the caches and the extra passes
+  // of the fill cost more than they save (measured on debpkg's words).
   const int m = data_set != nullptr ? data_set->num_train : 0;
-  if (count < 1 || count > m) return;
+  groups_pending = false;
+  if (count < 1 || 2 * count > m || carried_dense) return;
   group_of_example.assign(group_of, group_of + m);
   group_first.assign(first, first + count);
   groups_pending = true;
