@@ -1154,7 +1154,7 @@ std::vector<int> sweep_cand;
 std::vector<double> sweep_terms, sweep_partial;
 
 [[maybe_unused]] long double threshold_by_labels(const double* D, text_expert_rec* e, int k,
-                                                 weight_table W) {
+                                                 weight_table W, bool parallel) {
   const int n = e->num_train;
   const double* v = e->sorted_values;
   const int* order = e->sorted_index;
@@ -1166,13 +1166,14 @@ std::vector<double> sweep_terms, sweep_partial;
   // Chunks of at most four label vectors, at least one per thread where
   // there are enough vectors.
   const int nvec = (k + 7) / 8;
-  const int nchunks = std::max((nvec + 3) / 4, std::min(pool->Size(), nvec));
+  const int nchunks =
+      parallel ? std::max((nvec + 3) / 4, std::min(pool->Size(), nvec)) : (nvec + 3) / 4;
   const size_t ku = static_cast<size_t>(k);
   if (sweep_terms.size() < nc * ku) sweep_terms.resize(nc * ku);
   if (sweep_partial.size() < nc * nchunks) sweep_partial.resize(nc * nchunks);
   double* terms = sweep_terms.data();
   double* partial = sweep_partial.data();
-  pool->Run(nchunks, [&](int c0, int c1, int) {
+  auto sweep_chunks = [&](int c0, int c1, int) {
     for (int c = c0; c < c1; ++c) {
       const int v0 = nvec * c / nchunks, v1 = nvec * (c + 1) / nchunks;
       if (!sweep_vectors) {
@@ -1190,7 +1191,11 @@ std::vector<double> sweep_terms, sweep_partial;
 #undef MHB_CHUNK
       }
     }
-  });
+  };
+  if (parallel)
+    pool->Run(nchunks, sweep_chunks);
+  else
+    sweep_chunks(0, nchunks, 0);
   // The rough sums, and the smallest of them.
   double least = HUGE_VAL;
   for (size_t ci = 0; ci < nc; ++ci) {
@@ -1586,9 +1591,7 @@ int Score_Pool_Search(double* D, weight_table W, int abstaining) {
         long double score;
         if (x->type == kTypeThreshold)
           // A small sweep costs less than handing it to the threads.
-          score = static_cast<long>(x->num_train) * k < kSmallSweep
-                      ? Text_Expert_Table_Exp_Loss_Threshold(D, x, y, k, W)
-                      : threshold_by_labels(D, x, k, W);
+          score = threshold_by_labels(D, x, k, W, static_cast<long>(x->num_train) * k >= kSmallSweep);
         else
           score = Text_Expert_Table_Exp_Loss_Linear(D, x, y, k, W);
         const double s = static_cast<double>(score);
