@@ -19,7 +19,7 @@
 #                    directory built by make_corpora.py can be reused
 #   --no-peers       skip the peer libraries
 #   --write-results  also write the report to bench/RESULTS.md
-#   --repeat N       time every training run N times (default 3), in turns
+#   --repeat N       time every training run N times (default 5), in turns
 #                    over the configurations, and report the run with the
 #                    median time (this machine's speed drifts from minute to
 #                    minute; turns keep -T 1 and -T 2 side by side)
@@ -71,7 +71,7 @@ OUT="$BENCH/out/run"
 CORPORA="$BENCH/out/corpora"
 PEERS=1
 WRITE_RESULTS=0
-REPEAT=3
+REPEAT=5
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) QUICK=1 ;;
