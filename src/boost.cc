@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -53,6 +54,11 @@ int first_nonzero_wt = -1;
 // ends, and used directly when classifying standard input.
 double** train_sum_wh = nullptr;
 double** test_sum_wh = nullptr;
+
+const bool has_avx512 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx512f") != 0;
+}();
 
 double* distribution = nullptr;
 double* log_dist = nullptr;
@@ -495,6 +501,41 @@ void init_distribution() {
   }
 }
 
+// Lines [c0, c1) of the distribution, line c being the eight weights that
+// start at flat position head + 8c of `d` (a 64-byte boundary): each the
+// exponential of its example's group row, times inv when `scale`, as
+// mul_nan_first makes it. A line holds the end of one example's row and the
+// start of the next where it crosses a row boundary (k >= 8, so never more
+// than two). The lines are written past the caches: the weights of a round
+// outgrow them, and a plain store would first read each line in.
+__attribute__((target("avx512f"))) void stream_weight_lines(double* d, const double* e,
+                                                          const int* of, const int* rows,
+                                                          size_t k, double inv, bool scale,
+                                                          size_t head, size_t c0, size_t c1) {
+  const __m512d vinv = _mm512_set1_pd(inv);
+  for (size_t c = c0; c < c1; ++c) {
+    const size_t j = head + 8 * c;
+    const size_t i = j / k, l = j - i * k;
+    const double* row = e + static_cast<size_t>(rows[of[i]]) * k;
+    __m512d v;
+    if (l + 8 <= k) {
+      v = _mm512_loadu_pd(row + l);
+    } else {
+      const __mmask8 own = static_cast<__mmask8>((1u << (k - l)) - 1);
+      v = _mm512_maskz_loadu_pd(own, row + l);
+      const double* next = e + static_cast<size_t>(rows[of[i + 1]]) * k;
+      v = _mm512_mask_expandloadu_pd(v, static_cast<__mmask8>(~own), next);
+    }
+    if (scale) {
+      const __mmask8 nan = _mm512_cmp_pd_mask(v, v, _CMP_UNORD_Q);
+      v = _mm512_mask_mov_pd(_mm512_mul_pd(v, vinv), nan, v);
+    }
+    _mm512_stream_pd(d + j, v);
+  }
+  // The streamed lines reach memory before any thread reads them.
+  _mm_sfence();
+}
+
 // Real AdaBoost.MH: distribution = the exponentials of the log weights,
 // divided by Z (`err`) unless -u keeps them as they are; ln Z is then taken
 // off the log weights at the start of the next update.
@@ -512,17 +553,42 @@ void publish_distribution(double err) {
   const int* rows = train_groups.row.data();
   const double* e = group_exp.data();
   double* d = distribution;
-  Run_Parallel(m, [&](int i0, int i1, int) {
-    for (int i = i0; i < i1; ++i) {
-      const double* row = e + static_cast<size_t>(rows[of[i]]) * k;
-      double* out = d + static_cast<size_t>(i) * k;
-      if (scale) {
-        for (int l = 0; l < k; ++l) out[l] = mul_nan_first(row[l], inv);
-      } else {
-        for (int l = 0; l < k; ++l) out[l] = row[l];
-      }
+  const size_t ku = static_cast<size_t>(k);
+  auto weight = [&](size_t j) {
+    const size_t i = j / ku;
+    const double w = e[static_cast<size_t>(rows[of[i]]) * ku + (j - i * ku)];
+    return scale ? mul_nan_first(w, inv) : w;
+  };
+  if (has_avx512 && k >= 8) {
+    // Flat positions before the first 64-byte boundary and after the last
+    // whole line are written here, the lines between on all threads.
+    const size_t total = static_cast<size_t>(m) * ku;
+    const size_t misalign = reinterpret_cast<uintptr_t>(d) & 63;
+    const size_t head = std::min(total, misalign == 0 ? 0 : (64 - misalign) / sizeof(double));
+    const size_t lines = (total - head) / 8;
+    for (size_t j = 0; j < head; ++j) d[j] = weight(j);
+    for (size_t j = head + 8 * lines; j < total; ++j) d[j] = weight(j);
+    if (lines > static_cast<size_t>(INT32_MAX)) {
+      stream_weight_lines(d, e, of, rows, ku, inv, scale, head, 0, lines);
+    } else {
+      Run_Parallel(static_cast<int>(lines), [&](int c0, int c1, int) {
+        stream_weight_lines(d, e, of, rows, ku, inv, scale, head, static_cast<size_t>(c0),
+                            static_cast<size_t>(c1));
+      });
     }
-  });
+  } else {
+    Run_Parallel(m, [&](int i0, int i1, int) {
+      for (int i = i0; i < i1; ++i) {
+        const double* row = e + static_cast<size_t>(rows[of[i]]) * ku;
+        double* out = d + static_cast<size_t>(i) * ku;
+        if (scale) {
+          for (int l = 0; l < k; ++l) out[l] = mul_nan_first(row[l], inv);
+        } else {
+          for (int l = 0; l < k; ++l) out[l] = row[l];
+        }
+      }
+    });
+  }
   // Every example of a group got the same weights (and has the same
   // labels), so the scan can keep one row of weights per group.
   Score_Pool_Row_Groups(of, train_groups.first.data(), train_groups.count);
@@ -768,10 +834,6 @@ __attribute__((target("avx512f"))) bool scan_top_avx512(const double* sums, int 
   return true;
 }
 
-const bool has_avx512 = [] {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx512f") != 0;
-}();
 bool vector_scan = has_avx512;
 
 top_scan scan_top(const double* sums, int k) {
