@@ -149,9 +149,11 @@ def main():
              'training examples that contain them. Values given as `?` make '
              'no key. The sparse-gram counts use 64-bit hashes of the keys '
              '(a collision is unlikely below one in a million).')
-    p.append('2. Wall time of the same command with `-n 0`: reading the '
-             'files and building the rules.')
     repeat = meta.get('repeat', '1')
+    p.append('2. Wall time of the same command with `-n 0`: reading the '
+             'files and building the rules.' + (
+                 ' Timed %s times, once before each training run; the '
+                 'median.' % repeat if repeat != '1' else ''))
     p.append('3. (total - build) / rounds. Every round prints its line '
              '(default `-f 1`), so this includes evaluating the training and '
              'test error each round.' + (

@@ -264,9 +264,9 @@ run_timed() {
 
 printf 'name\ttask\toptions\trounds_asked\trounds\trules\toccurrences\tbuild_s\ttotal_s\tper_round_s\tpeak_kib\tbuild_peak_kib\ttrain_err\ttest_err\tstatus\tcommand\ttotals_s\n' >"$TSV"
 
-# First every configuration's rule count and build run, then the training
-# runs in turns, then the report of each configuration's median run.
-declare -A BUILD_S BUILD_PEAK BUILD_STATUS RULES OCCURRENCES ROUNDS TOTALS
+# First every configuration's rule count, then the build and training runs
+# in turns, then the report of each configuration's median run.
+declare -A BUILD_TIMES BUILD_PEAK BUILD_STATUS RULES OCCURRENCES ROUNDS TOTALS
 for c in "${SELECTED[@]}"; do
   IFS='|' read -r name stem opts rounds qrounds <<<"$c"
   [ $QUICK = 1 ] && rounds=$qrounds
@@ -293,17 +293,24 @@ for c in "${SELECTED[@]}"; do
       -N "$mode" -W "$window" --cache "$BENCH/out/rule-counts") || { rules=?; occurrences=?; }
   RULES[$name]=$rules OCCURRENCES[$name]=$occurrences
 
-  # $opts is split into words on purpose
-  echo "== $name: mhboost -S $stem${opts:+ $opts} -n 0" >&2
-  run_timed "$dir" build "$MHBOOST" -S "$stem" $opts -n 0
-  BUILD_S[$name]=$ELAPSED BUILD_PEAK[$name]=$PEAK_KIB BUILD_STATUS[$name]=$STATUS
-  rm -f "$dir/$stem.shyp"
 done
 
+# Each turn times the build run (-n 0) and then the training run of every
+# configuration; the time per round subtracts the median build time from
+# the median training time, so that one slow start (a cold file cache, a
+# busy moment) does not move it.
 for ((turn = 1; turn <= REPEAT; turn++)); do
   for c in "${SELECTED[@]}"; do
     IFS='|' read -r name stem opts _ <<<"$c"
     rounds=${ROUNDS[$name]}
+    dir="$OUT/runs/$name"
+    # $opts is split into words on purpose
+    echo "== $name: mhboost -S $stem${opts:+ $opts} -n 0 (run $turn of $REPEAT)" >&2
+    run_timed "$dir" build "$MHBOOST" -S "$stem" $opts -n 0
+    BUILD_TIMES[$name]="${BUILD_TIMES[$name]:-}${BUILD_TIMES[$name]:+ }$ELAPSED"
+    BUILD_PEAK[$name]=$PEAK_KIB
+    [ "${BUILD_STATUS[$name]:-0}" = 0 ] && BUILD_STATUS[$name]=$STATUS
+    rm -f "$dir/$stem.shyp"
     echo "== $name: mhboost -S $stem${opts:+ $opts} -n $rounds (run $turn of $REPEAT)" >&2
     run_timed "$OUT/runs/$name" "train$turn" "$MHBOOST" -S "$stem" $opts -n "$rounds"
     echo "$STATUS" >"$OUT/runs/$name/train$turn.status"
@@ -315,7 +322,9 @@ done
 for c in "${SELECTED[@]}"; do
   IFS='|' read -r name stem opts _ <<<"$c"
   rounds=${ROUNDS[$name]} rules=${RULES[$name]} occurrences=${OCCURRENCES[$name]}
-  build_s=${BUILD_S[$name]} build_peak=${BUILD_PEAK[$name]} build_status=${BUILD_STATUS[$name]}
+  build_peak=${BUILD_PEAK[$name]} build_status=${BUILD_STATUS[$name]}
+  build_s=$(tr ' ' '\n' <<<"${BUILD_TIMES[$name]}" | sort -g |
+      awk '{ t[NR] = $1 } END { print t[int((NR + 1) / 2)] }')
   dir="$OUT/runs/$name"
   # the run with the median time (the lower middle one of an even count)
   read -r median_turn all_totals < <(tr ' ' '\n' <<<"${TOTALS[$name]}" | sort -t: -k1,1g |
