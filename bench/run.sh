@@ -292,7 +292,6 @@ for c in "${SELECTED[@]}"; do
   read -r rules occurrences < <("$SYS_PYTHON" "$BENCH/count_rules.py" "$CORPORA/$stem" \
       -N "$mode" -W "$window" --cache "$BENCH/out/rule-counts") || { rules=?; occurrences=?; }
   RULES[$name]=$rules OCCURRENCES[$name]=$occurrences
-
 done
 
 # Each turn times the build run (-n 0) and then the training run of every

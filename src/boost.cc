@@ -559,23 +559,19 @@ void publish_distribution(double err) {
     const double w = e[static_cast<size_t>(rows[of[i]]) * ku + (j - i * ku)];
     return scale ? mul_nan_first(w, inv) : w;
   };
-  if (has_avx512 && k >= 8) {
+  const size_t total = static_cast<size_t>(m) * ku;
+  if (has_avx512 && k >= 8 && total / 8 <= static_cast<size_t>(INT32_MAX)) {
     // Flat positions before the first 64-byte boundary and after the last
     // whole line are written here, the lines between on all threads.
-    const size_t total = static_cast<size_t>(m) * ku;
     const size_t misalign = reinterpret_cast<uintptr_t>(d) & 63;
     const size_t head = std::min(total, misalign == 0 ? 0 : (64 - misalign) / sizeof(double));
     const size_t lines = (total - head) / 8;
     for (size_t j = 0; j < head; ++j) d[j] = weight(j);
     for (size_t j = head + 8 * lines; j < total; ++j) d[j] = weight(j);
-    if (lines > static_cast<size_t>(INT32_MAX)) {
-      stream_weight_lines(d, e, of, rows, ku, inv, scale, head, 0, lines);
-    } else {
-      Run_Parallel(static_cast<int>(lines), [&](int c0, int c1, int) {
-        stream_weight_lines(d, e, of, rows, ku, inv, scale, head, static_cast<size_t>(c0),
-                            static_cast<size_t>(c1));
-      });
-    }
+    Run_Parallel(static_cast<int>(lines), [&](int c0, int c1, int) {
+      stream_weight_lines(d, e, of, rows, ku, inv, scale, head, static_cast<size_t>(c0),
+                          static_cast<size_t>(c1));
+    });
   } else {
     Run_Parallel(m, [&](int i0, int i1, int) {
       for (int i = i0; i < i1; ++i) {
