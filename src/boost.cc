@@ -19,6 +19,7 @@
 #include <vector>
 
 #include <immintrin.h>
+#include <sys/mman.h>
 
 #include "die.h"
 #include "optscan.h"
@@ -400,6 +401,23 @@ void init_memos() {
   init_groups(&test_groups, data->num_test, data->test_labels, k);
 }
 
+// Real AdaBoost.MH's weights, in a block of `count` doubles. Blocks of
+// several MB sit on huge pages where the system grants them: threshold
+// sweeps read their rows in the order of an attribute's values, at random
+// in memory, and on small pages nearly every such row would miss the TLB.
+double* alloc_weights(size_t count) {
+  constexpr size_t kHuge = size_t{2} << 20;
+  if (count < 2 * kHuge / sizeof(double)) return static_cast<double*>(Malloc(sizeof(double) * count));
+  const size_t bytes = (count * sizeof(double) + kHuge - 1) / kHuge * kHuge;
+  void* p = aligned_alloc(kHuge, bytes);
+  if (p == nullptr) {
+    perror("Malloc");
+    Exit_Run(1);
+  }
+  madvise(p, bytes, MADV_HUGEPAGE);
+  return static_cast<double*>(p);
+}
+
 void init_distribution() {
   const int m = data->num_train;
   const int k = data->num_classes;
@@ -414,7 +432,7 @@ void init_distribution() {
   switch (loss_mode) {
     case 3:
       dist_size = m * k;
-      distribution = static_cast<double*>(Malloc(sizeof(double) * (mk + 1)));
+      distribution = alloc_weights(mk + 1);
       log_dist = static_cast<double*>(Malloc(sizeof(double) * (mk + 1)));
       if (!utility_mode) {
         const double w = 1.0 / (static_cast<double>(m) * k);
