@@ -675,11 +675,30 @@ void modify_distribution(struct weak_hyp* /*entry*/, double err, double abstain)
   }
 }
 
-// Splits the groups of both sets by the new hypothesis's answers.
+// Splits the groups of both sets by the new hypothesis's answers, the two
+// sets side by side where evaluating the hypothesis touches nothing they
+// share: a linear hypothesis leaves its last answer in c1 (the test set's
+// must win), and other experts with values look terms up in a shared
+// table.
 void evaluate_hypothesis(struct weak_hyp* entry) {
   const int k = data->num_classes;
-  split_groups(&train_groups, entry->hyp, data->train_examples, 0, k);
-  split_groups(&test_groups, entry->hyp, data->test_examples, data->num_train, k);
+  text_expert_rec* h = entry->hyp;
+  auto split = [&](int set) {
+    if (set == 0)
+      split_groups(&train_groups, h, data->train_examples, 0, k);
+    else
+      split_groups(&test_groups, h, data->test_examples, data->num_train, k);
+  };
+  const bool apart = h->type == kTypeThreshold ||
+                     (h->type != kTypeLinear && h->values == nullptr && h->test_values == nullptr);
+  if (!apart) {
+    split(0);
+    split(1);
+    return;
+  }
+  Run_Parallel(2, [&](int s0, int s1, int) {
+    for (int set = s0; set < s1; ++set) split(set);
+  });
 }
 
 // The weighted error of the hypothesis just evaluated (discrete AdaBoost.MH
@@ -948,6 +967,18 @@ void update_log_row(int h, int from, int to, double alpha) {
   Exp_Array(ld, e, static_cast<size_t>(k));
 }
 
+void set_error(const example_groups& g, double* out_err, double* out_rej_err,
+               double* out_rej_frac);
+
+// The error totals of the test set (0) and the training set (1) for the
+// round's report, when real_round found them while a thread had nothing
+// else to do.
+struct set_errors {
+  double err, rej_err, rej_frac;
+};
+set_errors report_errors[2];
+bool report_ready = false;
+
 // One round of real AdaBoost.MH after the split: every training group's
 // log weights and their exponentials, the score sums of both sets (with
 // errors and margins for a report), and the returned loss Z, the sum of
@@ -963,9 +994,10 @@ void update_log_row(int h, int from, int to, double alpha) {
 // (examples before the first one of group h belong to groups below h). The
 // other threads update the heirs' score sums and then take log-weight
 // chunks from the back; where the two ends meet, the Z thread waits for
-// the chunks it did not take, then joins the score sums. Every group's
-// values are its own, so however the chunks fall, the results are the same
-// to the bit.
+// the chunks it did not take, then joins the score sums. For a report, the
+// first of the other threads to run out of chunks finds both sets' error
+// totals meanwhile. Every group's values are its own, so however the
+// chunks fall, the results are the same to the bit.
 double real_round(const struct weak_hyp* entry, double alpha, bool errors) {
   example_groups* train = &train_groups;
   example_groups* test = &test_groups;
@@ -1009,6 +1041,7 @@ double real_round(const struct weak_hyp* entry, double alpha, bool errors) {
     }
     state[c].store(2, std::memory_order_release);
   };
+  std::atomic<int> sums_done{0};
   auto sums_chunks_left = [&] {
     for (int c; (c = next_sums.fetch_add(1, std::memory_order_relaxed)) < sums_chunks;) {
       const int end = std::min(heirs + test_heirs, (c + 1) * kSumsChunk);
@@ -1017,7 +1050,23 @@ double real_round(const struct weak_hyp* entry, double alpha, bool errors) {
         const int h = g->heirs[j < heirs ? j : j - heirs];
         update_sums_row(g, entry, errors, h, g->row[h], g->row[h]);
       }
+      sums_done.fetch_add(1, std::memory_order_acq_rel);
     }
+  };
+  // The error totals need every group's error, so they wait for the last
+  // chunk of score sums; a thread that finds one still running leaves them
+  // to display_strong_hyp.
+  report_ready = false;
+  std::atomic<bool> report_taken{false};
+  auto find_report_errors = [&] {
+    if (!errors || sums_done.load(std::memory_order_acquire) != sums_chunks ||
+        report_taken.exchange(true, std::memory_order_acq_rel))
+      return;
+    for (int set = 0; set < 2; ++set) {
+      set_errors& e = report_errors[set];
+      set_error(set == 0 ? *test : *train, &e.err, &e.rej_err, &e.rej_frac);
+    }
+    report_ready = true;
   };
   double z = 0.0;
   // Far more indices than threads, so that every thread gets a share and
@@ -1029,6 +1078,7 @@ double real_round(const struct weak_hyp* entry, double alpha, bool errors) {
         if (!take(c)) break;
         log_chunk(c);
       }
+      find_report_errors();
       return;
     }
     const int* of = train->of.data();
@@ -1121,7 +1171,16 @@ void eval_error(int n, example** /*instances*/, unsigned char** labels, double**
 void display_strong_hyp() {
   FILE* out = classify_new_test_mode ? stderr : stdout;
   double err, rej_err, rej_frac;
-  set_error(test_groups, &err, &rej_err, &rej_frac);
+  auto set_error_of = [&](int set) {
+    if (report_ready) {
+      err = report_errors[set].err;
+      rej_err = report_errors[set].rej_err;
+      rej_frac = report_errors[set].rej_frac;
+    } else {
+      set_error(set == 0 ? test_groups : train_groups, &err, &rej_err, &rej_frac);
+    }
+  };
+  set_error_of(0);
   fprintf(out, "test= %9.7f ", err);
   if (reject_threshold > 0) fprintf(out, "(%lf, %lf)", rej_err, rej_frac);
   if (classify_new_test_mode) {
@@ -1129,7 +1188,7 @@ void display_strong_hyp() {
     return;
   }
   fprintf(out, " ");
-  set_error(train_groups, &err, &rej_err, &rej_frac);
+  set_error_of(1);
   fprintf(out, "train= %9.7f ", err);
   if (reject_threshold > 0) fprintf(out, "(%lf, %lf)", rej_err, rej_frac);
   fprintf(out, "\n");
