@@ -19,7 +19,6 @@
 #include <vector>
 
 #include <immintrin.h>
-#include <sys/mman.h>
 
 #include "die.h"
 #include "optscan.h"
@@ -401,21 +400,15 @@ void init_memos() {
   init_groups(&test_groups, data->num_test, data->test_labels, k);
 }
 
-// Real AdaBoost.MH's weights, in a block of `count` doubles. Blocks of
-// several MB sit on huge pages where the system grants them: threshold
-// sweeps read their rows in the order of an attribute's values, at random
-// in memory, and on small pages nearly every such row would miss the TLB.
+// Real AdaBoost.MH's weights, in a zeroed block of `count` doubles. Blocks
+// of several MB sit on huge pages: threshold sweeps read their rows in the
+// order of an attribute's values, at random in memory.
 double* alloc_weights(size_t count) {
-  constexpr size_t kHuge = size_t{2} << 20;
-  if (count < 2 * kHuge / sizeof(double)) return static_cast<double*>(Malloc(sizeof(double) * count));
-  const size_t bytes = (count * sizeof(double) + kHuge - 1) / kHuge * kHuge;
-  void* p = aligned_alloc(kHuge, bytes);
-  if (p == nullptr) {
-    perror("Malloc");
-    Exit_Run(1);
-  }
-  madvise(p, bytes, MADV_HUGEPAGE);
-  return static_cast<double*>(p);
+  const size_t bytes = sizeof(double) * count;
+  if (bytes < size_t{4} << 20) return static_cast<double*>(Malloc(bytes));
+  double* p = static_cast<double*>(Malloc_Huge(bytes));
+  memset(p, 0, bytes);
+  return p;
 }
 
 void init_distribution() {

@@ -8,6 +8,9 @@
 // their final form is copied, so a long text costs one copy.
 #include "read_data.h"
 
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdarg>
@@ -596,6 +599,18 @@ void Print_Examples(dataset_info* info, const char* out_name, example** ex, int 
     fprintf(out, "\n");
   }
   if (out != stdout) fclose(out);
+}
+
+void* Malloc_Huge(size_t size) {
+  constexpr size_t kHuge = size_t{2} << 20;
+  const size_t bytes = (std::max<size_t>(size, 1) + kHuge - 1) / kHuge * kHuge;
+  void* p = aligned_alloc(kHuge, bytes);
+  if (p == nullptr) {
+    perror("Malloc");
+    Exit_Run(1);
+  }
+  madvise(p, bytes, MADV_HUGEPAGE);
+  return p;
 }
 
 void* Malloc(size_t size) {

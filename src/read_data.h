@@ -90,4 +90,10 @@ void Print_Examples(dataset_info* dsi, const char* out_name, example** ex, int n
 /// Zero-filled block; perror("Malloc") and exit status 1 when memory is out.
 void* Malloc(size_t size);
 
+/// A block of at least `size` bytes (not filled) on 2 MB boundaries, asked
+/// to sit on huge pages where the system grants them: for large arrays read
+/// at random, whose reads would otherwise miss the TLB. Released with
+/// free(); fails as Malloc does.
+void* Malloc_Huge(size_t size);
+
 #endif  // MHBOOST_READ_DATA_H_

@@ -41,8 +41,6 @@
 
 #include <immintrin.h>
 
-#include <sys/mman.h>
-
 #include "die.h"
 #include "parallel.h"
 
@@ -825,18 +823,10 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
     free(absent_rows);
     free(carried_rows);
     carried_rows = nullptr;
-    constexpr size_t kHuge = size_t{2} << 20;
-    const size_t bytes = (cells * sizeof(double) + kHuge - 1) / kHuge * kHuge;
-    // Rows are read at random, so they sit on huge pages where the system
-    // offers them, and a row rarely misses the TLB.
-    absent_rows = static_cast<double*>(aligned_alloc(kHuge, bytes));
-    if (carried_dense) carried_rows = static_cast<double*>(aligned_alloc(kHuge, bytes));
-    if (absent_rows == nullptr || (carried_dense && carried_rows == nullptr)) {
-      perror("Malloc");
-      Exit_Run(1);
-    }
-    madvise(absent_rows, bytes, MADV_HUGEPAGE);
-    if (carried_dense) madvise(carried_rows, bytes, MADV_HUGEPAGE);
+    // Rows are read at random, so they sit on huge pages, and a row rarely
+    // misses the TLB.
+    absent_rows = static_cast<double*>(Malloc_Huge(cells * sizeof(double)));
+    if (carried_dense) carried_rows = static_cast<double*>(Malloc_Huge(cells * sizeof(double)));
     memset(absent_rows + m * row_stride, 0, 8 * sizeof(double));
     rows_capacity = cells;
   }
