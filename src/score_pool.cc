@@ -51,6 +51,8 @@ constexpr int kBlock = 8192;
 // first-level cache, and (for rows not read band by band) into the second.
 constexpr int kNearAhead = 8;
 constexpr int kFarAhead = 48;
+// Lanes per pass of the AVX2 kernel that adds rows (at most 64).
+constexpr int kAvx2Lanes = 64;
 // Threshold sweeps over fewer (example, label) pairs than this run on one
 // thread. Larger ones already pay for the hand-off: numeric-digits' sweeps
 // of 13,500 pairs take a third less time per round on two threads.
@@ -216,6 +218,7 @@ bool carried_dense = false;
 // does not carry label 8v + b (bits beyond the last label are clear).
 std::vector<uint8_t> absent_bytes;
 bool sweep_vectors = false;  // the threshold sweep's AVX-512 kernel is in use
+bool sweep_avx2 = false;     // the threshold sweep's AVX2 kernel is in use
 std::vector<int> carried_first, carried_label;
 std::vector<double> carried_weight;
 
@@ -337,6 +340,122 @@ __attribute__((target("avx512f"))) void add_rows_avx512(double* __restrict out, 
   MHB_PASS_AS(V, false, false) MHB_PASS_AS(V, true, false) MHB_PASS_AS(V, false, true) MHB_PASS_AS(V, true, true)
       MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
       MHB_PASS(8)
+#undef MHB_PASS
+#undef MHB_PASS_AS
+    }
+  }
+}
+
+// Four lanes at p, or only the lanes of `tail` (the others zero) when the
+// vector is partial.
+__attribute__((target("avx2"), always_inline)) inline __m256d load_lanes_avx2(const double* p,
+                                                                              bool partial,
+                                                                              __m256i tail) {
+  return partial ? _mm256_maskload_pd(p, tail) : _mm256_loadu_pd(p);
+}
+
+__attribute__((target("avx2"), always_inline)) inline void store_lanes_avx2(double* p, bool partial,
+                                                                            __m256i tail,
+                                                                            __m256d x) {
+  if (partial)
+    _mm256_maskstore_pd(p, tail, x);
+  else
+    _mm256_storeu_pd(p, x);
+}
+
+// max(x, 0) lane by lane, as "if (x < 0) x = 0": a NaN stays NaN.
+__attribute__((target("avx2"), always_inline)) inline __m256d clamp_below_zero_avx2(__m256d x) {
+  return _mm256_andnot_pd(_mm256_cmp_pd(x, _mm256_setzero_pd(), _CMP_LT_OQ), x);
+}
+
+// The AVX2 counterpart for processors without AVX-512: vectors of four
+// lanes. Lanes [c, min(c + 4V, c1)) of every piece, the sums kept in
+// registers while a piece is added. Only the last vector of a pass can be
+// partial; it is loaded and stored under a lane mask, and the sums' lanes
+// beyond c1 (the other sign's sums) are never written.
+template <int V, bool Carried, bool Mapped>
+__attribute__((target("avx2"), always_inline)) inline void add_rows_avx2_pass(
+    double* __restrict out, size_t two_k, const double* __restrict rows, const Piece* pieces,
+    size_t npieces, size_t far_end, const int* __restrict flat, int total, int c1, int c,
+    double* __restrict carried_out, int carried_part, int k) {
+  const int* map = row_map;
+  auto row_of = [map](int i) { return static_cast<size_t>(Mapped ? map[i] : i); };
+  const int* first = carried_first.data();
+  const int* label = carried_label.data();
+  const double* weight = carried_weight.data();
+  const int left = c1 - (c + 4 * (V - 1));
+  const __m256i tail = _mm256_cmpgt_epi64(_mm256_set1_epi64x(left), _mm256_setr_epi64x(0, 1, 2, 3));
+  const bool partial = left < 4;
+  const size_t stride = row_stride;
+  for (size_t q = 0; q < npieces; ++q) {
+    const Piece p = pieces[q];
+    double* a = out + p.slot * two_k + c;
+    __m256d s[V];
+#pragma GCC unroll 16
+    for (int v = 0; v < V - 1; ++v) s[v] = p.fresh ? _mm256_setzero_pd() : _mm256_loadu_pd(a + 4 * v);
+    s[V - 1] = p.fresh ? _mm256_setzero_pd() : _mm256_maskload_pd(a + 4 * (V - 1), tail);
+    const bool carried = Carried && p.carried_part == carried_part;
+    double* a1 = carried ? carried_out + p.slot * two_k : nullptr;
+    if (carried && p.fresh)
+      for (int l = 0; l < k; ++l) a1[l] = 0.0;
+    const int* list = flat + p.offset;
+    const int ahead_end = total - p.offset;
+    const bool far = q < far_end;
+    for (int j = 0; j < p.length; ++j) {
+      // As in the AVX-512 kernel: rows shared by groups stay in the caches,
+      // scattered rows are asked for a few occurrences ahead, and earlier
+      // still for short lists.
+      if (!Mapped && j + kNearAhead < ahead_end) {
+        const double* next = rows + static_cast<size_t>(list[j + kNearAhead]) * stride + c;
+#pragma GCC unroll 8
+        for (int v = 0; v < V; v += 2)
+          _mm_prefetch(reinterpret_cast<const char*>(next + 4 * v), _MM_HINT_T0);
+      }
+      if (!Mapped && far && j + kFarAhead < ahead_end) {
+        const double* next = rows + static_cast<size_t>(list[j + kFarAhead]) * stride + c;
+#pragma GCC unroll 8
+        for (int v = 0; v < V; v += 2)
+          _mm_prefetch(reinterpret_cast<const char*>(next + 4 * v), _MM_HINT_T1);
+      }
+      const double* row = rows + row_of(list[j]) * stride + c;
+#pragma GCC unroll 16
+      for (int v = 0; v < V; ++v) s[v] = _mm256_add_pd(s[v], _mm256_load_pd(row + 4 * v));
+      if (carried) {
+        const int i = list[j];
+        for (int r = first[i]; r < first[i + 1]; ++r) a1[label[r]] += weight[r];
+      }
+    }
+#pragma GCC unroll 16
+    for (int v = 0; v < V - 1; ++v) _mm256_storeu_pd(a + 4 * v, s[v]);
+    if (partial)
+      _mm256_maskstore_pd(a + 4 * (V - 1), tail, s[V - 1]);
+    else
+      _mm256_storeu_pd(a + 4 * (V - 1), s[V - 1]);
+  }
+}
+
+__attribute__((target("avx2"))) void add_rows_avx2(double* __restrict out, size_t two_k,
+                                                   const double* __restrict rows,
+                                                   const Piece* pieces, size_t npieces,
+                                                   size_t far_end, const int* flat, int c1, int c0,
+                                                   double* carried_out, int carried_part, int k) {
+  const int total = npieces == 0 ? 0 : pieces[npieces - 1].offset + pieces[npieces - 1].length;
+  // Passes of at most kAvx2Lanes lanes, each with as many vectors as it has
+  // groups of four lanes; the carried labels' sums go with the first pass.
+  for (int c = c0; c < c1; c += kAvx2Lanes) {
+    const bool carried = carried_out != nullptr && c == c0;
+    switch ((std::min(c1, c + kAvx2Lanes) - c + 3) / 4 + (carried ? 16 : 0) +
+            (row_map != nullptr ? 32 : 0)) {
+#define MHB_PASS_AS(V, C, M)                                                                    \
+  case V + (C ? 16 : 0) + (M ? 32 : 0):                                                         \
+    add_rows_avx2_pass<V, C, M>(out, two_k, rows, pieces, npieces, far_end, flat, total, c1, c, \
+                                carried_out, carried_part, k);                                  \
+    break;
+#define MHB_PASS(V) \
+  MHB_PASS_AS(V, false, false) MHB_PASS_AS(V, true, false) MHB_PASS_AS(V, false, true) MHB_PASS_AS(V, true, true)
+      MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
+      MHB_PASS(8) MHB_PASS(9) MHB_PASS(10) MHB_PASS(11) MHB_PASS(12) MHB_PASS(13) MHB_PASS(14)
+      MHB_PASS(15) MHB_PASS(16)
 #undef MHB_PASS
 #undef MHB_PASS_AS
     }
@@ -487,6 +606,31 @@ __attribute__((target("avx512f"))) double bound_and_moved_avx512(const double* _
   return ((part[0] + part[1]) + (part[2] + part[3])) + ((part[4] + part[5]) + (part[6] + part[7]));
 }
 
+__attribute__((target("avx2"))) double bound_and_moved_avx2(const double* __restrict a,
+                                                           const double* __restrict r,
+                                                           const double* __restrict t, int two_k,
+                                                           uint8_t* __restrict mv) {
+  const __m256d zero = _mm256_setzero_pd();
+  const __m256i lane = _mm256_setr_epi64x(0, 1, 2, 3);
+  __m256d acc = zero;
+  for (int c = 0; c < two_k; c += 4) {
+    const int left = two_k - c;
+    const bool partial = left < 4;
+    const __m256i tail = _mm256_cmpgt_epi64(_mm256_set1_epi64x(left), lane);
+    const __m256d av = load_lanes_avx2(a + c, partial, tail);
+    acc = _mm256_add_pd(acc, _mm256_mul_pd(load_lanes_avx2(r + c, partial, tail), av));
+    const __m256d tv = load_lanes_avx2(t + c, partial, tail);
+    const __m256d uv = clamp_below_zero_avx2(_mm256_sub_pd(tv, av));
+    // Lanes past the end load as zero on both sides and compare equal.
+    const __m256i back = _mm256_castpd_si256(_mm256_add_pd(uv, av));
+    const __m256i same = _mm256_cmpeq_epi64(back, _mm256_castpd_si256(tv));
+    if (_mm256_movemask_pd(_mm256_castsi256_pd(same)) != 0xF) mv[c / 8] = 1;
+  }
+  alignas(32) double part[4];
+  _mm256_store_pd(part, acc);
+  return (part[0] + part[1]) + (part[2] + part[3]);
+}
+
 using bound_and_moved_fn = double (*)(const double* __restrict, const double* __restrict,
                                       const double* __restrict, int, uint8_t* __restrict);
 bound_and_moved_fn bound_and_moved = bound_and_moved_plain;
@@ -495,11 +639,14 @@ int forced_kernel = -1;
 
 void choose_kernels() {
   __builtin_cpu_init();
-  const bool has512 = __builtin_cpu_supports("avx512f") && forced_kernel != 0 && forced_kernel != 1;
-  add_rows = has512 ? add_rows_avx512 : add_rows_plain;
+  const bool plain = forced_kernel == 0 || forced_kernel == 1;
+  const bool has512 = __builtin_cpu_supports("avx512f") && !plain && forced_kernel != 2;
+  const bool has256 = __builtin_cpu_supports("avx2") && !plain;
+  add_rows = has512 ? add_rows_avx512 : has256 ? add_rows_avx2 : add_rows_plain;
   sweep_vectors = has512;
+  sweep_avx2 = !has512 && has256;
   replay = has512 ? replay_avx512 : replay_plain;
-  bound_and_moved = has512 ? bound_and_moved_avx512 : bound_and_moved_plain;
+  bound_and_moved = has512 ? bound_and_moved_avx512 : has256 ? bound_and_moved_avx2 : bound_and_moved_plain;
 }
 
 // The sums of a block are split among the threads two ways: its slots
@@ -1141,6 +1288,102 @@ __attribute__((target("avx512f"))) void sweep_chunk_avx512(const double* D, cons
 }
 #pragma GCC diagnostic pop
 
+// The AVX2 sweep, for processors without AVX-512: the chunk's labels in
+// vectors of four, the last one partial when the chunk ends at label k.
+// Lanes beyond k load as zero and so add nothing; they are never stored.
+template <int V>
+__attribute__((target("avx2"), always_inline)) inline void split_row_avx2(
+    const double* D, const int* order, int j, int n, size_t ku, int l0, __m256i tail, bool partial,
+    __m256d* d0, __m256d* d1) {
+  if (j + kNearAhead < n) {
+    const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + kNearAhead]) * ku + l0);
+    for (int line = 0; line <= 32 * V; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T0);
+  }
+  if (j + kFarAhead < n) {
+    const char* ahead = reinterpret_cast<const char*>(D + static_cast<size_t>(order[j + kFarAhead]) * ku + l0);
+    for (int line = 0; line <= 32 * V; line += 64) _mm_prefetch(ahead + line, _MM_HINT_T1);
+  }
+  const size_t i = static_cast<size_t>(order[j]);
+  const double* row = D + i * ku + l0;
+  const uint8_t* ab = absent_bytes.data() + i * static_cast<size_t>(absent_units) + l0 / 8;
+  const __m256i bit = _mm256_setr_epi64x(1, 2, 4, 8);
+#pragma GCC unroll 8
+  for (int v = 0; v < V; ++v) {
+    const __m256d d = load_lanes_avx2(row + 4 * v, v == V - 1 && partial, tail);
+    const __m256i bits = _mm256_set1_epi64x((ab[v / 2] >> (4 * (v % 2))) & 0xF);
+    const __m256d absent = _mm256_castsi256_pd(_mm256_cmpeq_epi64(_mm256_and_si256(bits, bit), bit));
+    d0[v] = _mm256_and_pd(absent, d);
+    d1[v] = _mm256_andnot_pd(absent, d);
+  }
+}
+
+template <int V>
+__attribute__((target("avx2"))) void sweep_chunk_avx2(const double* D, const int* order, int n,
+                                                      const int* cand, size_t nc, int k, int l0,
+                                                      int l1, double* t0, double* t1,
+                                                      double* terms, double* partial_sums,
+                                                      int chunk, int nchunks) {
+  const size_t ku = static_cast<size_t>(k);
+  const __m256d zero = _mm256_setzero_pd();
+  const int left = l1 - (l0 + 4 * (V - 1));
+  const __m256i tail = _mm256_cmpgt_epi64(_mm256_set1_epi64x(left), _mm256_setr_epi64x(0, 1, 2, 3));
+  const bool partial = left < 4;
+  __m256d a0[V], a1[V], b0[V], b1[V], tv0[V], tv1[V];
+  for (int v = 0; v < V; ++v) {
+    a0[v] = a1[v] = b0[v] = b1[v] = zero;
+    tv0[v] = load_lanes_avx2(t0 + l0 + 4 * v, v == V - 1 && partial, tail);
+    tv1[v] = load_lanes_avx2(t1 + l0 + 4 * v, v == V - 1 && partial, tail);
+  }
+  for (int j = 0; j < n; ++j) {
+    __m256d d0[V], d1[V];
+    split_row_avx2<V>(D, order, j, n, ku, l0, tail, partial, d0, d1);
+#pragma GCC unroll 8
+    for (int v = 0; v < V; ++v) {
+      b1[v] = _mm256_add_pd(b1[v], d1[v]);
+      b0[v] = _mm256_add_pd(b0[v], d0[v]);
+    }
+  }
+  size_t ci = 0;
+  for (int p = -1; p < n && ci < nc; ++p) {
+    if (p >= 0) {
+      __m256d d0[V], d1[V];
+      split_row_avx2<V>(D, order, p, n, ku, l0, tail, partial, d0, d1);
+#pragma GCC unroll 8
+      for (int v = 0; v < V; ++v) {
+        a1[v] = _mm256_add_pd(a1[v], d1[v]);
+        a0[v] = _mm256_add_pd(a0[v], d0[v]);
+        b1[v] = _mm256_sub_pd(b1[v], d1[v]);
+        b0[v] = _mm256_sub_pd(b0[v], d0[v]);
+      }
+    }
+    if (cand[ci] != p) continue;
+    double* out = terms + ci * ku + l0;
+    __m256d sum = zero;
+#pragma GCC unroll 8
+    for (int v = 0; v < V; ++v) {
+      const __m256d u0 = clamp_below_zero_avx2(_mm256_sub_pd(_mm256_sub_pd(tv0[v], a0[v]), b0[v]));
+      const __m256d u1 = clamp_below_zero_avx2(_mm256_sub_pd(_mm256_sub_pd(tv1[v], a1[v]), b1[v]));
+      b0[v] = clamp_below_zero_avx2(b0[v]);
+      b1[v] = clamp_below_zero_avx2(b1[v]);
+      __m256d term = _mm256_add_pd(_mm256_sqrt_pd(_mm256_mul_pd(u0, u1)),
+                                   _mm256_sqrt_pd(_mm256_mul_pd(a0[v], a1[v])));
+      term = _mm256_add_pd(term, _mm256_sqrt_pd(_mm256_mul_pd(b0[v], b1[v])));
+      store_lanes_avx2(out + 4 * v, v == V - 1 && partial, tail, term);
+      sum = _mm256_add_pd(sum, term);
+      tv0[v] = _mm256_add_pd(_mm256_add_pd(u0, a0[v]), b0[v]);
+      tv1[v] = _mm256_add_pd(_mm256_add_pd(u1, a1[v]), b1[v]);
+    }
+    alignas(32) double part[4];
+    _mm256_store_pd(part, sum);
+    partial_sums[ci * nchunks + chunk] = (part[0] + part[1]) + (part[2] + part[3]);
+    ++ci;
+  }
+  for (int v = 0; v < V; ++v) {
+    store_lanes_avx2(t0 + l0 + 4 * v, v == V - 1 && partial, tail, tv0[v]);
+    store_lanes_avx2(t1 + l0 + 4 * v, v == V - 1 && partial, tail, tv1[v]);
+  }
+}
+
 std::vector<int> sweep_cand;
 std::vector<double> sweep_terms, sweep_partial;
 
@@ -1167,6 +1410,20 @@ std::vector<double> sweep_terms, sweep_partial;
   auto sweep_chunks = [&](int c0, int c1, int) {
     for (int c = c0; c < c1; ++c) {
       const int v0 = nvec * c / nchunks, v1 = nvec * (c + 1) / nchunks;
+      if (sweep_avx2) {
+        const int l0 = 8 * v0, l1 = std::min(k, 8 * v1);
+        switch ((l1 - l0 + 3) / 4) {
+#define MHB_CHUNK(V)                                                                            \
+  case V:                                                                                       \
+    sweep_chunk_avx2<V>(D, order, n, cand.data(), nc, k, l0, l1, W[0][0], W[0][1], terms, partial, \
+                        c, nchunks);                                                            \
+    break;
+          MHB_CHUNK(1) MHB_CHUNK(2) MHB_CHUNK(3) MHB_CHUNK(4) MHB_CHUNK(5) MHB_CHUNK(6)
+          MHB_CHUNK(7) MHB_CHUNK(8)
+#undef MHB_CHUNK
+        }
+        continue;
+      }
       if (!sweep_vectors) {
         sweep_chunk_plain(D, order, n, cand.data(), nc, k, v0, v1, W[0][0], W[0][1], terms,
                           partial, c, nchunks);

@@ -57,8 +57,10 @@ int Score_Pool_Search_Discrete(double* s, double* S, int abstain,
 /// per group. Results never depend on it.
 void Score_Pool_Row_Groups(const int* group_of, const int* first, int count);
 
-/// For tests: 0 or 1 restricts the scan to its plain loops, -1 restores the
-/// automatic choice of vector kernels. Results never depend on it.
+/// For tests: 0 or 1 restricts the scan to its plain loops, 2 to its AVX2
+/// kernels where the processor has AVX2 (even if it has AVX-512), -1
+/// restores the automatic choice of vector kernels. Results never depend
+/// on it.
 void Score_Pool_Use_Kernel(int level);
 
 /// For tests: from the next Score_Pool_Init, long lists are summed `rows`

@@ -150,7 +150,7 @@ TEST(ScorePool, RealScanMatchesSequentialForEveryThreadCount) {
     for (int threads : {1, 2, 7}) {
       Score_Pool_Init(s.experts.data(), &s.data, threads);
       // Each thread count with another summing kernel.
-      Score_Pool_Use_Kernel(threads == 1 ? 0 : threads == 2 ? 1 : -1);
+      Score_Pool_Use_Kernel(threads == 1 ? 0 : threads == 2 ? 2 : -1);
       Table got(s.k);
       fill_totals(s, got.W);
       EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0)) << "threads " << threads;
@@ -221,7 +221,7 @@ TEST(ScorePool, WideShapesMatchSequential) {
     for (const auto& x : s.experts) thresholds.push_back(x.threshold);
     for (int threads : {1, 2, 7}) {
       for (int band : {0, 96}) {
-        for (int kernel : {0, -1}) {
+        for (int kernel : {0, 2, -1}) {
           Score_Pool_Band_Rows(band);
           Score_Pool_Init(s.experts.data(), &s.data, threads);
           Score_Pool_Band_Rows(0);
@@ -344,7 +344,7 @@ TEST(ScorePool, GroupsSharingRowsMatchSequential) {
     const int expected_abstaining = sequential_scan(&s, abstaining_ref.W, 1);
     for (int threads : {1, 2, 7}) {
       for (int band : {0, 96}) {
-        for (int kernel : {0, -1}) {
+        for (int kernel : {0, 2, -1}) {
           const std::string what = "k " + std::to_string(k) + " threads " + std::to_string(threads) +
                                    " band " + std::to_string(band) + " kernel " + std::to_string(kernel);
           Score_Pool_Band_Rows(band);
