@@ -1,4 +1,5 @@
-// exp over arrays of doubles with AVX-512, bit for bit the C library's exp.
+// exp over arrays of doubles with AVX-512 or AVX2, bit for bit the C
+// library's exp.
 //
 // The C library (glibc 2.28 and later, the build that uses fused
 // multiply-adds) computes exp(x) for 2^-54 <= |x| < 512 as follows, each
@@ -11,7 +12,7 @@
 //   scale = 2^(k/128) as H[k mod 128] with k div 128 added to its exponent
 //   exp(x) = fma(scale, tmp, scale)
 // (the polynomial's inner products are fused too, as the library fuses
-// them). The same steps on eight lanes give the same bits; lanes outside
+// them). The same steps on eight (or four) lanes give the same bits; lanes outside
 // that range (tiny, huge, infinite or NaN inputs, and the library's
 // special scaling near the ends of the range) are handed to exp(3) itself.
 // Because another C library could use another formula, the vector path is
@@ -171,6 +172,63 @@ __attribute__((target("avx512f"))) void exp_array_avx512(const double* x, double
   }
 }
 
+__attribute__((target("avx2,fma"))) inline __m256d broadcast4(uint64_t bits) {
+  return _mm256_castsi256_pd(_mm256_set1_epi64x(static_cast<long long>(bits)));
+}
+
+// The same steps on four lanes with AVX2 and FMA. AVX2 has no unsigned
+// 64-bit comparison; the exponent field is small, so signed ones do.
+__attribute__((target("avx2,fma"))) __m256d exp4(__m256d x, __m256d* fit) {
+  const __m256i xi = _mm256_castpd_si256(x);
+  const __m256i top = _mm256_and_si256(_mm256_srli_epi64(xi, 52), _mm256_set1_epi64x(0x7ff));
+  const __m256i off = _mm256_sub_epi64(top, _mm256_set1_epi64x(kLowTop));
+  *fit = _mm256_castsi256_pd(
+      _mm256_andnot_si256(_mm256_cmpgt_epi64(_mm256_setzero_si256(), off),
+                          _mm256_cmpgt_epi64(_mm256_set1_epi64x(kTopSpan + 1), off)));
+  const __m256d shift = broadcast4(kShift);
+  const __m256d z = _mm256_fmadd_pd(x, broadcast4(kInvLn2N), shift);
+  const __m256i ki = _mm256_castpd_si256(z);
+  const __m256d kd = _mm256_sub_pd(z, shift);
+  __m256d r = _mm256_fmadd_pd(kd, broadcast4(kNegLn2HiN), x);
+  r = _mm256_fmadd_pd(kd, broadcast4(kNegLn2LoN), r);
+  const __m256i idx = _mm256_slli_epi64(_mm256_and_si256(ki, _mm256_set1_epi64x(127)), 1);
+  const __m256i high = _mm256_slli_epi64(ki, 45);
+  const long long* table = reinterpret_cast<const long long*>(kTable);
+  const __m256d tail = _mm256_castsi256_pd(_mm256_i64gather_epi64(table, idx, 8));
+  const __m256i head = _mm256_i64gather_epi64(table + 1, idx, 8);
+  const __m256d p23 = _mm256_fmadd_pd(r, broadcast4(kC3), broadcast4(kC2));
+  const __m256d tr = _mm256_add_pd(r, tail);
+  const __m256d r2 = _mm256_mul_pd(r, r);
+  const __m256d p45 = _mm256_fmadd_pd(r, broadcast4(kC5), broadcast4(kC4));
+  __m256d tmp = _mm256_fmadd_pd(p23, r2, tr);
+  const __m256d r4 = _mm256_mul_pd(r2, r2);
+  tmp = _mm256_fmadd_pd(r4, p45, tmp);
+  const __m256d scale = _mm256_castsi256_pd(_mm256_add_epi64(high, head));
+  return _mm256_fmadd_pd(scale, tmp, scale);
+}
+
+__attribute__((target("avx2,fma"))) void exp_array_avx2(const double* x, double* out, size_t n) {
+  size_t i = 0;
+  for (; i + 4 <= n; i += 4) {
+    const __m256d v = _mm256_loadu_pd(x + i);
+    __m256d fit;
+    const __m256d e = exp4(v, &fit);
+    const int all = _mm256_movemask_pd(fit);
+    if (all == 0xF) {
+      _mm256_storeu_pd(out + i, e);
+      continue;
+    }
+    // Inputs the formula does not cover go to exp(3), read before the
+    // store in case out is x.
+    alignas(32) double lanes[4];
+    _mm256_store_pd(lanes, e);
+    for (int l = 0; l < 4; ++l)
+      if ((all >> l & 1) == 0) lanes[l] = std::exp(x[i + l]);
+    _mm256_storeu_pd(out + i, _mm256_load_pd(lanes));
+  }
+  for (; i < n; ++i) out[i] = std::exp(x[i]);
+}
+
 // Probe inputs: the whole covered range and its edges, typical log
 // weights, and values around every table point.
 std::vector<double> probes() {
@@ -190,35 +248,47 @@ std::vector<double> probes() {
   return p;
 }
 
-__attribute__((target("avx512f"))) bool vectors_agree() {
+// Whether exp_array gives exp(3)'s bits on every probe input.
+bool agrees(void (*exp_array)(const double*, double*, size_t)) {
   const std::vector<double> x = probes();
   std::vector<double> got(x.size());
-  exp_array_avx512(x.data(), got.data(), x.size());
+  exp_array(x.data(), got.data(), x.size());
   for (size_t i = 0; i < x.size(); ++i)
     if (std::bit_cast<uint64_t>(got[i]) != std::bit_cast<uint64_t>(std::exp(x[i]))) return false;
   return true;
 }
 
-const bool vectors_usable = [] {
+// The widest vectors the processor has and the formula agrees on: 8
+// (AVX-512), 4 (AVX2 with FMA) or 0.
+const int widest = [] {
   __builtin_cpu_init();
-  return __builtin_cpu_supports("avx512f") && vectors_agree();
+  if (__builtin_cpu_supports("avx512f") && agrees(exp_array_avx512)) return 8;
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && agrees(exp_array_avx2))
+    return 4;
+  return 0;
 }();
-bool use_vectors = vectors_usable;
+// AVX2 where AVX-512 is there too, for tests of the AVX2 path.
+const bool avx2_agrees = widest == 8 && __builtin_cpu_supports("fma") && agrees(exp_array_avx2);
+int width = widest;
 
 }  // namespace
 
 void Exp_Array(const double* x, double* out, size_t n) {
-  if (use_vectors) {
+  if (width == 8) {
     exp_array_avx512(x, out, n);
+    return;
+  }
+  if (width == 4) {
+    exp_array_avx2(x, out, n);
     return;
   }
   for (size_t i = 0; i < n; ++i) out[i] = std::exp(x[i]);
 }
 
-bool Exp_Array_Uses_Vectors() { return use_vectors; }
+int Exp_Array_Width() { return width; }
 
-bool Exp_Array_Force_Scalar(bool off) {
-  const bool was = use_vectors;
-  use_vectors = vectors_usable && !off;
+int Exp_Array_Limit_Width(int lanes) {
+  const int was = width;
+  width = widest <= lanes ? widest : lanes >= 4 && (widest == 4 || avx2_agrees) ? 4 : 0;
   return was;
 }

@@ -9,13 +9,14 @@
 // may be the same; otherwise they must not overlap.
 void Exp_Array(const double* x, double* out, size_t n);
 
-// Whether Exp_Array computes with vectors: the processor has AVX-512 and
-// the vector formula agreed with exp(3) on a set of probe inputs when the
-// program started (a C library with another formula keeps the plain loop).
-bool Exp_Array_Uses_Vectors();
+// The lanes Exp_Array computes at a time: 8 where the processor has
+// AVX-512, 4 where it has AVX2 and FMA, provided the vector formula agreed
+// with exp(3) on a set of probe inputs when the program started (a C
+// library with another formula keeps the plain loop); else 0.
+int Exp_Array_Width();
 
-// Tests: with `off`, Exp_Array calls exp(3) one value at a time until
-// called again with false. Returns whether vectors were in use before.
-bool Exp_Array_Force_Scalar(bool off);
+// Tests: Exp_Array computes at most `lanes` at a time (0: exp(3) one value
+// at a time) until called again. Returns the width in use before.
+int Exp_Array_Limit_Width(int lanes);
 
 #endif  // MHBOOST_VEC_EXP_H

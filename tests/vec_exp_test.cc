@@ -92,25 +92,44 @@ TEST(VecExpTest, WorksInPlaceAndOnOddOffsets) {
   }
 }
 
-TEST(VecExpTest, ScalarAndVectorPathsAgree) {
+// Every path the processor offers, each checked against exp(3): the
+// start-up check alone would let a wrong path through unnoticed if it
+// happened to agree on the probes.
+TEST(VecExpTest, EveryWidthMatchesTheCLibrary) {
   const std::vector<double> x = inputs();
-  std::vector<double> vec(x.size()), plain(x.size());
-  Exp_Array(x.data(), vec.data(), x.size());
-  const bool was = Exp_Array_Force_Scalar(true);
-  Exp_Array(x.data(), plain.data(), x.size());
-  EXPECT_FALSE(Exp_Array_Uses_Vectors());
-  Exp_Array_Force_Scalar(false);
-  EXPECT_EQ(Exp_Array_Uses_Vectors(), was);
-  EXPECT_EQ(0, memcmp(vec.data(), plain.data(), sizeof(double) * x.size()));
+  const int widest = Exp_Array_Width();
+  for (int lanes : {8, 4, 0}) {
+    const int was = Exp_Array_Limit_Width(lanes);
+    EXPECT_EQ(widest, was);
+    const int got_width = Exp_Array_Width();
+    EXPECT_LE(got_width, lanes);
+    std::vector<double> got(x.size());
+    Exp_Array(x.data(), got.data(), x.size());
+    expect_same_as_exp(x, got);
+    // An odd length leaves a tail after the last whole vector.
+    std::vector<double> odd(x.begin(), x.begin() + 11), odd_got(11);
+    Exp_Array(odd.data(), odd_got.data(), odd.size());
+    expect_same_as_exp(odd, odd_got);
+    Exp_Array_Limit_Width(8);
+  }
+  EXPECT_EQ(widest, Exp_Array_Width());
 }
 
 TEST(VecExpTest, VectorsAreUsedWhereTheProcessorHasThem) {
   __builtin_cpu_init();
-  if (!__builtin_cpu_supports("avx512f")) GTEST_SKIP() << "no AVX-512 here";
   // The start-up check compares the formula with this C library's exp; if
   // it fails here, Exp_Array is correct but slow, and the formula needs to
   // follow the library.
-  EXPECT_TRUE(Exp_Array_Uses_Vectors());
+  if (__builtin_cpu_supports("avx512f")) {
+    EXPECT_EQ(8, Exp_Array_Width());
+    Exp_Array_Limit_Width(4);
+    EXPECT_EQ(__builtin_cpu_supports("fma") ? 4 : 0, Exp_Array_Width());
+    Exp_Array_Limit_Width(8);
+  } else if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+    EXPECT_EQ(4, Exp_Array_Width());
+  } else {
+    GTEST_SKIP() << "no AVX-512 or AVX2 here";
+  }
 }
 
 }  // namespace
