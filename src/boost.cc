@@ -59,6 +59,7 @@ const bool has_avx512 = [] {
   __builtin_cpu_init();
   return __builtin_cpu_supports("avx512f") != 0;
 }();
+const bool has_avx2 = __builtin_cpu_supports("avx2") != 0;
 
 double* distribution = nullptr;
 double* log_dist = nullptr;
@@ -547,6 +548,28 @@ __attribute__((target("avx512f"))) void stream_weight_lines(double* d, const dou
   _mm_sfence();
 }
 
+// Examples [i0, i1) of the distribution with AVX2: each the exponentials of
+// its group's row, times inv when `scale`, as mul_nan_first makes them.
+__attribute__((target("avx2"))) void weight_rows_avx2(double* d, const double* e, const int* of,
+                                                      const int* rows, size_t k, double inv,
+                                                      bool scale, int i0, int i1) {
+  const __m256d vinv = _mm256_set1_pd(inv);
+  const size_t full = k & ~size_t{3};
+  const __m256i tail = _mm256_cmpgt_epi64(_mm256_set1_epi64x(static_cast<long long>(k - full)),
+                                          _mm256_setr_epi64x(0, 1, 2, 3));
+  auto scaled = [&](__m256d v) __attribute__((target("avx2"))) {
+    if (!scale) return v;
+    const __m256d nan = _mm256_cmp_pd(v, v, _CMP_UNORD_Q);
+    return _mm256_blendv_pd(_mm256_mul_pd(v, vinv), v, nan);
+  };
+  for (int i = i0; i < i1; ++i) {
+    const double* row = e + static_cast<size_t>(rows[of[i]]) * k;
+    double* out = d + static_cast<size_t>(i) * k;
+    for (size_t l = 0; l < full; l += 4) _mm256_storeu_pd(out + l, scaled(_mm256_loadu_pd(row + l)));
+    if (full < k) _mm256_maskstore_pd(out + full, tail, scaled(_mm256_maskload_pd(row + full, tail)));
+  }
+}
+
 // Real AdaBoost.MH: distribution = the exponentials of the log weights,
 // divided by Z (`err`) unless -u keeps them as they are; ln Z is then taken
 // off the log weights at the start of the next update.
@@ -582,6 +605,10 @@ void publish_distribution(double err) {
     Run_Parallel(static_cast<int>(lines), [&](int c0, int c1, int) {
       stream_weight_lines(d, e, of, rows, ku, inv, scale, head, static_cast<size_t>(c0),
                           static_cast<size_t>(c1));
+    });
+  } else if (has_avx2) {
+    Run_Parallel(m, [&](int i0, int i1, int) {
+      weight_rows_avx2(d, e, of, rows, ku, inv, scale, i0, i1);
     });
   } else {
     Run_Parallel(m, [&](int i0, int i1, int) {
@@ -860,11 +887,63 @@ __attribute__((target("avx512f"))) bool scan_top_avx512(const double* sums, int 
   return true;
 }
 
-bool vector_scan = has_avx512;
+// The largest of four numbers.
+__attribute__((target("avx2"), always_inline)) inline double max_of_lanes(__m256d v) {
+  v = _mm256_max_pd(v, _mm256_permute2f128_pd(v, v, 0x01));
+  v = _mm256_max_pd(v, _mm256_permute_pd(v, 0x5));
+  return _mm256_cvtsd_f64(v);
+}
+
+// The AVX-512 scan's steps four labels at a time, for processors without
+// AVX-512; labels past the last load as -infinity and never count.
+__attribute__((target("avx2"))) bool scan_top_avx2(const double* sums, int k, top_scan* out) {
+  const __m256d floor = _mm256_set1_pd(-std::numeric_limits<double>::infinity());
+  const int full = k & ~3;
+  const __m256i tail = _mm256_cmpgt_epi64(_mm256_set1_epi64x(k - full), _mm256_setr_epi64x(0, 1, 2, 3));
+  const __m256d tail_lanes = _mm256_castsi256_pd(tail);
+  const __m256d last =
+      full < k ? _mm256_blendv_pd(floor, _mm256_maskload_pd(sums + full, tail), tail_lanes) : floor;
+  __m256d most = last;
+  __m256d nan = _mm256_cmp_pd(last, last, _CMP_UNORD_Q);
+  for (int c = 0; c < full; c += 4) {
+    const __m256d v = _mm256_loadu_pd(sums + c);
+    nan = _mm256_or_pd(nan, _mm256_cmp_pd(v, v, _CMP_UNORD_Q));
+    most = _mm256_max_pd(most, v);
+  }
+  if (_mm256_movemask_pd(nan) != 0) return false;
+  const __m256d largest = _mm256_set1_pd(max_of_lanes(most));
+  // The first label equal to the maximum, how many are, and the maximum of
+  // the rest.
+  int top = k, ties = 0;
+  __m256d rest = floor;
+  auto take = [&](__m256d v, int c, int lanes) __attribute__((target("avx2"))) {
+    const __m256d eq = _mm256_cmp_pd(v, largest, _CMP_EQ_OQ);
+    const int bits = _mm256_movemask_pd(eq) & lanes;
+    const int first = bits ? c + __builtin_ctz(bits) : k;
+    top = first < top ? first : top;
+    ties += __builtin_popcount(bits);
+    rest = _mm256_blendv_pd(_mm256_max_pd(rest, v), rest, eq);
+  };
+  for (int c = 0; c < full; c += 4) take(_mm256_loadu_pd(sums + c), c, 0xF);
+  if (full < k) take(last, full, _mm256_movemask_pd(tail_lanes));
+  out->top = top;
+  out->ties = ties;
+  out->largest = sums[top];
+  if (ties == 1) {
+    const double others = max_of_lanes(rest);
+    out->second = top == 0 && !(others > -10000.0) ? -10000.0 : others;
+  }
+  return true;
+}
+
+// Lanes of the vector scan in use: 8, 4, or 0 for the scalar loop.
+const int widest_scan = has_avx512 ? 8 : has_avx2 ? 4 : 0;
+int scan_width = widest_scan;
 
 top_scan scan_top(const double* sums, int k) {
   top_scan r;
-  if (vector_scan && scan_top_avx512(sums, k, &r)) return r;
+  if (scan_width == 8 && scan_top_avx512(sums, k, &r)) return r;
+  if (scan_width == 4 && scan_top_avx2(sums, k, &r)) return r;
   return scan_top_plain(sums, k);
 }
 
@@ -1131,9 +1210,9 @@ void set_error(const example_groups& g, double* out_err, double* out_rej_err,
 void Example_Error(const double* sums, const unsigned char* y, double* wrong, double* margin) {
   example_error(sums, y, wrong, margin);
 }
-bool Use_Sequential_Top_Scan(bool sequential) {
-  vector_scan = has_avx512 && !sequential;
-  return has_avx512;
+int Limit_Top_Scan_Width(int lanes) {
+  scan_width = lanes >= widest_scan ? widest_scan : lanes >= 4 && has_avx2 ? 4 : 0;
+  return scan_width;
 }
 
 double* eval_strong_hyp(double* sums, double* out_margin) {

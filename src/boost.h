@@ -48,9 +48,9 @@ double** Train_Sums();
 
 /// One example's error and margin as the report finds them (for tests).
 void Example_Error(const double* sums, const unsigned char* y, double* wrong, double* margin);
-/// With `sequential`, rows' top scores are found by the scalar loop even
-/// where the vector scan runs; returns whether this processor has the
-/// vector scan (for tests).
-bool Use_Sequential_Top_Scan(bool sequential);
+/// For tests: rows' top scores are found at most `lanes` labels at a time
+/// (8 with AVX-512, 4 with AVX2, 0 by the scalar loop), as far as the
+/// processor allows; returns the width now in use.
+int Limit_Top_Scan_Width(int lanes);
 
 #endif  // MHBOOST_BOOST_H_

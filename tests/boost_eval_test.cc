@@ -219,9 +219,9 @@ TEST_F(BoostEvalTest, ErrorOfATopScoreMatchesTheFullPrediction) {
 // The vector scan of a row's top scores against the sequential one, on rows
 // drawn from a few values so that ties, equal values, zeros of both signs,
 // infinities, NaNs and scores around and below the -10000 floor are common,
-// for row lengths around the eight-lane blocks.
+// for row lengths around the four- and eight-lane blocks.
 TEST(TopScanTest, VectorScanGivesTheSequentialErrorAndMargin) {
-  if (!Use_Sequential_Top_Scan(false)) GTEST_SKIP() << "no vector scan on this processor";
+  if (Limit_Top_Scan_Width(8) == 0) GTEST_SKIP() << "no vector scan on this processor";
   const double nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
   const double pool[] = {-20000, -10000, -10000.5, -9999, -1, -0.0, 0.0, 0.5, 1, 2, inf, -inf};
   example_data fake{};
@@ -243,18 +243,22 @@ TEST(TopScanTest, VectorScanGivesTheSequentialErrorAndMargin) {
       if (trial % 4 == 1) row[rng() % k] = 3.0 + trial;  // one clear top anywhere
       if (trial % 4 == 2) row[0] = 1e6;                   // the top first
       if (trial % 97 == 0) row[rng() % k] = nan;
-      double wrong[2], margin[2];
-      for (int sequential = 0; sequential < 2; ++sequential) {
-        Use_Sequential_Top_Scan(sequential != 0);
-        Example_Error(row.data(), y.data(), &wrong[sequential], &margin[sequential]);
+      // Every width the processor has (8, 4) against the scalar loop (0).
+      const int widths[] = {0, 4, 8};
+      double wrong[3], margin[3];
+      for (int w = 0; w < 3; ++w) {
+        Limit_Top_Scan_Width(widths[w]);
+        Example_Error(row.data(), y.data(), &wrong[w], &margin[w]);
       }
       std::string text;
       for (double v : row) text += std::to_string(v) + " ";
-      EXPECT_TRUE(SameBits(wrong[0], wrong[1])) << "k " << k << ": " << text;
-      EXPECT_TRUE(SameBits(margin[0], margin[1])) << "k " << k << ": " << text;
+      for (int w = 1; w < 3; ++w) {
+        EXPECT_TRUE(SameBits(wrong[0], wrong[w])) << "k " << k << " width " << widths[w] << ": " << text;
+        EXPECT_TRUE(SameBits(margin[0], margin[w])) << "k " << k << " width " << widths[w] << ": " << text;
+      }
     }
   }
-  Use_Sequential_Top_Scan(false);
+  Limit_Top_Scan_Width(8);
   data = saved;
 }
 
