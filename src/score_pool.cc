@@ -217,8 +217,10 @@ bool carried_dense = false;
 // absent_units bytes per example: bit b of byte v is set when the example
 // does not carry label 8v + b (bits beyond the last label are clear).
 std::vector<uint8_t> absent_bytes;
-bool sweep_vectors = false;  // the threshold sweep's AVX-512 kernel is in use
-bool sweep_avx2 = false;     // the threshold sweep's AVX2 kernel is in use
+// The kernels that fill the weight rows and sweep thresholds: AVX-512, or
+// else AVX2, or else plain loops.
+bool sweep_vectors = false;
+bool sweep_avx2 = false;
 std::vector<int> carried_first, carried_label;
 std::vector<double> carried_weight;
 
@@ -946,6 +948,115 @@ void fill_totals_avx512(const double* D, double* t, int c0, int c1) {
   }
 }
 
+// The AVX2 forms of the three kernels above, four lanes at a time.
+__attribute__((target("avx2"), always_inline)) inline __m256d absent_lanes_avx2(uint8_t byte,
+                                                                                int half) {
+  const __m256i bit = _mm256_setr_epi64x(1, 2, 4, 8);
+  const __m256i bits = _mm256_set1_epi64x((byte >> (4 * half)) & 0xF);
+  return _mm256_castsi256_pd(_mm256_cmpeq_epi64(_mm256_and_si256(bits, bit), bit));
+}
+
+// Mask of the lanes [l, l + 4) below k.
+__attribute__((target("avx2"), always_inline)) inline __m256i lanes_below_avx2(int k, int l) {
+  return _mm256_cmpgt_epi64(_mm256_set1_epi64x(k - l), _mm256_setr_epi64x(0, 1, 2, 3));
+}
+
+__attribute__((target("avx2"))) void fill_rows_avx2(const double* D, size_t r0, size_t r1,
+                                                    const int* src) {
+  const int k = num_labels;
+  const size_t ku = static_cast<size_t>(k);
+  const int nvec = absent_units;
+  for (size_t r = r0; r < r1; ++r) {
+    const size_t i = src != nullptr ? static_cast<size_t>(src[r]) : r;
+    const double* row = D + i * ku;
+    const uint8_t* ab = absent_bytes.data() + i * nvec;
+    double* out = absent_rows + r * row_stride;
+    for (int v = 0; v < 2 * nvec; ++v) {
+      const int l = 4 * v;
+      const __m256d d = load_lanes_avx2(row + l, l + 4 > k, lanes_below_avx2(k, l));
+      const __m256d absent = absent_lanes_avx2(ab[v / 2], v % 2);
+      _mm256_store_pd(out + l, _mm256_and_pd(absent, d));
+      if (carried_dense)
+        _mm256_store_pd(carried_rows + r * row_stride + l, _mm256_andnot_pd(absent, d));
+    }
+  }
+}
+
+template <int V>
+__attribute__((target("avx2"))) void totals_avx2_pass(double* t, int c) {
+  const size_t m = static_cast<size_t>(data_set->num_train);
+  __m256d s[V];
+  for (int v = 0; v < V; ++v) s[v] = _mm256_setzero_pd();
+  for (size_t i = 0; i < m; ++i) {
+    const size_t r = row_map != nullptr ? static_cast<size_t>(row_map[i]) : i;
+    const double* row = absent_rows + r * row_stride + c;
+#pragma GCC unroll 16
+    for (int v = 0; v < V; ++v) s[v] = _mm256_add_pd(s[v], _mm256_load_pd(row + 4 * v));
+  }
+  for (int v = 0; v < V; ++v) _mm256_storeu_pd(t + c + 4 * v, s[v]);
+}
+
+// Lanes [c0, c1) of the totals, c0 and c1 multiples of eight, in passes of
+// at most 48 lanes (twelve vectors in registers).
+void totals_avx2(double* t, int c0, int c1) {
+  for (int c = c0; c < c1; c += 48) {
+    switch ((std::min(c1, c + 48) - c) / 8) {
+#define MHB_PASS(V)                 \
+  case V:                           \
+    totals_avx2_pass<2 * V>(t, c);  \
+    break;
+      MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6)
+#undef MHB_PASS
+    }
+  }
+}
+
+template <int V>
+__attribute__((target("avx2"))) void fill_totals_avx2_pass(const double* D, double* t, int c) {
+  const size_t m = static_cast<size_t>(data_set->num_train);
+  const int k = num_labels;
+  const size_t ku = static_cast<size_t>(k);
+  const size_t nvec = static_cast<size_t>(absent_units);
+  __m256i lanes[V];
+  __m256d s[V];
+  bool partial[V];
+#pragma GCC unroll 16
+  for (int v = 0; v < V; ++v) {
+    lanes[v] = lanes_below_avx2(k, c + 4 * v);
+    partial[v] = c + 4 * v + 4 > k;
+    s[v] = _mm256_setzero_pd();
+  }
+  const uint8_t* ab = absent_bytes.data() + c / 8;
+  for (size_t i = 0; i < m; ++i) {
+    const double* row = D + i * ku + c;
+    double* out = absent_rows + i * row_stride + c;
+#pragma GCC unroll 16
+    for (int v = 0; v < V; ++v) {
+      const __m256d d = load_lanes_avx2(row + 4 * v, partial[v], lanes[v]);
+      const __m256d x = _mm256_and_pd(absent_lanes_avx2(ab[i * nvec + v / 2], v % 2), d);
+      _mm256_stream_pd(out + 4 * v, x);
+      s[v] = _mm256_add_pd(s[v], x);
+    }
+  }
+  // The streamed rows reach memory before the threads that read them start.
+  _mm_sfence();
+#pragma GCC unroll 16
+  for (int v = 0; v < V; ++v) _mm256_storeu_pd(t + c + 4 * v, s[v]);
+}
+
+void fill_totals_avx2(const double* D, double* t, int c0, int c1) {
+  for (int c = c0; c < c1; c += 48) {
+    switch ((std::min(c1, c + 48) - c) / 8) {
+#define MHB_PASS(V)                          \
+  case V:                                    \
+    fill_totals_avx2_pass<2 * V>(D, t, c);   \
+    break;
+      MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6)
+#undef MHB_PASS
+    }
+  }
+}
+
 // The carried weights of every example from D, and their totals t1 summed
 // in example order from zero, as carried_totals sums them.
 void fill_carried_totals(const double* D, double* t1) {
@@ -990,6 +1101,8 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
   auto fill_rows = [&](size_t r0, size_t r1, const int* from) {
     if (sweep_vectors)
       fill_rows_avx512(D, r0, r1, from);
+    else if (sweep_avx2)
+      fill_rows_avx2(D, r0, r1, from);
     else
       fill_rows_plain(D, r0, r1, from);
   };
@@ -998,7 +1111,7 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
       fill_rows(static_cast<size_t>(r0), static_cast<size_t>(r1), src);
     });
   };
-  if (t0 != nullptr && sweep_vectors && !carried_dense) {
+  if (t0 != nullptr && (sweep_vectors || sweep_avx2) && !carried_dense) {
     // Rows and totals split by lanes; the carried labels go with the first
     // part, which has the fewest vectors. Rows per example and their
     // totals come from one pass over D; group rows are written first, and
@@ -1009,9 +1122,9 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
       for (int part = p0; part < p1; ++part) {
         const int u0 = lane_units * part / lane_parts, u1 = lane_units * (part + 1) / lane_parts;
         if (row_map != nullptr)
-          totals_avx512(t.data(), 8 * u0, 8 * u1);
+          (sweep_vectors ? totals_avx512 : totals_avx2)(t.data(), 8 * u0, 8 * u1);
         else
-          fill_totals_avx512(D, t.data(), 8 * u0, 8 * u1);
+          (sweep_vectors ? fill_totals_avx512 : fill_totals_avx2)(D, t.data(), 8 * u0, 8 * u1);
         if (part == 0) fill_carried_totals(D, t1);
       }
     });
@@ -1037,6 +1150,8 @@ void fill_weight_rows(const double* D, double* t0, double* t1) {
       const int a0 = std::min(u0, absent_units), a1 = std::min(u1, absent_units);
       if (sweep_vectors)
         totals_avx512(t.data(), 8 * a0, 8 * a1);
+      else if (sweep_avx2)
+        totals_avx2(t.data(), 8 * a0, 8 * a1);
       else
         totals_plain(t.data(), 8 * a0, 8 * a1);
       if (part == lane_parts - 1) carried_totals(t1);
