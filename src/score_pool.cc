@@ -565,6 +565,62 @@ __attribute__((target("avx512f"))) void replay_avx512(double* __restrict t,
   }
 }
 
+// The AVX2 replay: up to twelve vectors of totals in registers per pass;
+// the last vector of the lanes [c0, c1) may be partial, and lanes past c1
+// are neither read nor written.
+template <int V>
+__attribute__((target("avx2"), always_inline)) inline void replay_avx2_pass(
+    double* __restrict t, const double* __restrict sums, const int* __restrict slot,
+    const uint8_t* __restrict keep, int n, double* __restrict U, int two_k, int c, int c1) {
+  const int left = c1 - (c + 4 * (V - 1));
+  const bool partial = left < 4;
+  const __m256i tail = _mm256_cmpgt_epi64(_mm256_set1_epi64x(left), _mm256_setr_epi64x(0, 1, 2, 3));
+  __m256d tv[V];
+#pragma GCC unroll 16
+  for (int v = 0; v < V; ++v) tv[v] = load_lanes_avx2(t + c + 4 * v, v == V - 1 && partial, tail);
+  for (int j = 0; j < n; ++j) {
+    const double* a = sums + static_cast<size_t>(slot[j]) * two_k + c;
+    double* u = U + static_cast<size_t>(j) * two_k + c;
+    // Only candidates keep their state: most experts are passed over.
+    if (keep[j]) {
+#pragma GCC unroll 16
+      for (int v = 0; v < V; ++v) {
+        const __m256d av = load_lanes_avx2(a + 4 * v, v == V - 1 && partial, tail);
+        const __m256d uv = clamp_below_zero_avx2(_mm256_sub_pd(tv[v], av));
+        tv[v] = _mm256_add_pd(uv, av);
+        store_lanes_avx2(u + 4 * v, v == V - 1 && partial, tail, uv);
+      }
+    } else {
+#pragma GCC unroll 16
+      for (int v = 0; v < V; ++v) {
+        const __m256d av = load_lanes_avx2(a + 4 * v, v == V - 1 && partial, tail);
+        tv[v] = _mm256_add_pd(clamp_below_zero_avx2(_mm256_sub_pd(tv[v], av)), av);
+      }
+    }
+  }
+#pragma GCC unroll 16
+  for (int v = 0; v < V; ++v) store_lanes_avx2(t + c + 4 * v, v == V - 1 && partial, tail, tv[v]);
+}
+
+__attribute__((target("avx2"))) void replay_avx2(double* __restrict t,
+                                                 const double* __restrict sums,
+                                                 const int* __restrict slot,
+                                                 const uint8_t* __restrict keep, int n,
+                                                 double* __restrict U, int two_k, int c0, int c1) {
+  for (int c = c0; c < c1; c += 48) {
+    const int end = c1 - c <= 48 ? c1 : c + 48;
+    switch ((end - c + 3) / 4) {
+#define MHB_PASS(V)                                                 \
+  case V:                                                           \
+    replay_avx2_pass<V>(t, sums, slot, keep, n, U, two_k, c, end);  \
+    break;
+      MHB_PASS(1) MHB_PASS(2) MHB_PASS(3) MHB_PASS(4) MHB_PASS(5) MHB_PASS(6) MHB_PASS(7)
+      MHB_PASS(8) MHB_PASS(9) MHB_PASS(10) MHB_PASS(11) MHB_PASS(12)
+#undef MHB_PASS
+    }
+  }
+}
+
 using replay_fn = void (*)(double* __restrict, const double* __restrict, const int* __restrict,
                            const uint8_t* __restrict, int, double* __restrict, int, int, int);
 replay_fn replay = replay_plain;
@@ -647,7 +703,7 @@ void choose_kernels() {
   add_rows = has512 ? add_rows_avx512 : has256 ? add_rows_avx2 : add_rows_plain;
   sweep_vectors = has512;
   sweep_avx2 = !has512 && has256;
-  replay = has512 ? replay_avx512 : replay_plain;
+  replay = has512 ? replay_avx512 : has256 ? replay_avx2 : replay_plain;
   bound_and_moved = has512 ? bound_and_moved_avx512 : has256 ? bound_and_moved_avx2 : bound_and_moved_plain;
 }
 
