@@ -169,12 +169,41 @@ int carries_class1(const unsigned char* y, int k) { return k > 1 && y[1] != 0; }
 inline double add_nan_first(double a, double b) { return a != a ? a : a + b; }
 inline double mul_nan_first(double a, double b) { return a != a ? a : a * b; }
 
+// add_nan_first and mul_nan_first on four lanes: a NaN first operand is
+// the result as it is; otherwise the plain operation, which passes on a
+// NaN second operand as the scalar one does.
+__attribute__((target("avx2"), always_inline)) inline __m256d add_nan_first4(__m256d a, __m256d b) {
+  return _mm256_blendv_pd(_mm256_add_pd(a, b), a, _mm256_cmp_pd(a, a, _CMP_UNORD_Q));
+}
+__attribute__((target("avx2"), always_inline)) inline __m256d mul_nan_first4(__m256d a, __m256d b) {
+  return _mm256_blendv_pd(_mm256_mul_pd(a, b), a, _mm256_cmp_pd(a, a, _CMP_UNORD_Q));
+}
+
+// Mask of the lanes [l, l + 4) below k.
+__attribute__((target("avx2"), always_inline)) inline __m256i lanes_below(int k, int l) {
+  return _mm256_cmpgt_epi64(_mm256_set1_epi64x(k - l), _mm256_setr_epi64x(0, 1, 2, 3));
+}
+
+// add_prediction's weighted branch with AVX2.
+__attribute__((target("avx2"))) void add_weighted_avx2(double w, const double* old_sums, bool reset,
+                                                       const double* preds, double* sums, int k) {
+  const __m256d wv = _mm256_set1_pd(w);
+  for (int l = 0; l < k; l += 4) {
+    const __m256i lanes = lanes_below(k, l);
+    const __m256d p = _mm256_maskload_pd(preds + l, lanes);
+    const __m256d old = reset ? _mm256_setzero_pd() : _mm256_maskload_pd(old_sums + l, lanes);
+    _mm256_maskstore_pd(sums + l, lanes, add_nan_first4(mul_nan_first4(wv, p), old));
+  }
+}
+
 // sums += the weighted prediction of the newest hypothesis; the sums start
 // again from zero at the first hypothesis with a non-zero weight.
 void add_prediction(const struct weak_hyp* entry, const double* old_sums,
                     const double* preds, double* sums, int k) {
   const bool reset = num_weak_hyps - 1 <= first_nonzero_wt;
-  if (first_nonzero_wt < 0) {
+  if (first_nonzero_wt >= 0 && has_avx2) {
+    add_weighted_avx2(entry->weight, old_sums, reset, preds, sums, k);
+  } else if (first_nonzero_wt < 0) {
     for (int l = 0; l < k; ++l) sums[l] = add_nan_first(reset ? 0.0 : old_sums[l], preds[l]);
   } else {
     const double w = entry->weight;
@@ -1021,6 +1050,27 @@ void update_weak_hyp_sums(struct weak_hyp* entry, bool errors) {
 // Real AdaBoost.MH: training group h's log weights after the newest
 // hypothesis (weighted alpha), from row `from` into row `to`, and their
 // exponentials.
+// update_log_row's loop with AVX2, four labels at a time.
+__attribute__((target("avx2"))) void log_row_avx2(const double* old, double* ld, const double* p,
+                                                  const unsigned char* yh, bool pending, double lz,
+                                                  double alpha, int k) {
+  const __m256d plus = _mm256_set1_pd(alpha), minus = _mm256_set1_pd(-alpha);
+  const __m256d lzv = _mm256_set1_pd(lz);
+  for (int l = 0; l < k; l += 4) {
+    const __m256i lanes = lanes_below(k, l);
+    __m256d v = _mm256_maskload_pd(old + l, lanes);
+    if (pending) v = _mm256_sub_pd(v, lzv);
+    // The labels the example carries, as lane masks (bytes past k read as 0).
+    uint32_t bytes = 0;
+    memcpy(&bytes, yh + l, static_cast<size_t>(std::min(4, k - l)));
+    const __m256i carried = _mm256_cmpgt_epi64(_mm256_cvtepu8_epi64(_mm_cvtsi32_si128(static_cast<int>(bytes))),
+                                               _mm256_setzero_si256());
+    const __m256d factor = _mm256_blendv_pd(plus, minus, _mm256_castsi256_pd(carried));
+    const __m256d prod = mul_nan_first4(_mm256_maskload_pd(p + l, lanes), factor);
+    _mm256_maskstore_pd(ld + l, lanes, add_nan_first4(v, prod));
+  }
+}
+
 void update_log_row(int h, int from, int to, double alpha) {
   const example_groups& g = train_groups;
   const int k = data->num_classes;
@@ -1031,6 +1081,11 @@ void update_log_row(int h, int from, int to, double alpha) {
   const unsigned char* yh = &g.labels[static_cast<size_t>(g.first[h]) * k];
   const bool pending = log_z_pending;
   const double lz = pending_log_z;
+  if (has_avx2) {
+    log_row_avx2(old, ld, p, yh, pending, lz, alpha, k);
+    Exp_Array(ld, e, static_cast<size_t>(k));
+    return;
+  }
   for (int l = 0; l < k; ++l) {
     double v = old[l];
     if (pending) v -= lz;
