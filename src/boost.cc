@@ -188,7 +188,14 @@ __attribute__((target("avx2"), always_inline)) inline __m256i lanes_below(int k,
 __attribute__((target("avx2"))) void add_weighted_avx2(double w, const double* old_sums, bool reset,
                                                        const double* preds, double* sums, int k) {
   const __m256d wv = _mm256_set1_pd(w);
-  for (int l = 0; l < k; l += 4) {
+  // Whole vectors with plain loads and stores (a masked store is slow on
+  // some processors), the last labels under a mask.
+  int l = 0;
+  for (; l + 4 <= k; l += 4) {
+    const __m256d old = reset ? _mm256_setzero_pd() : _mm256_loadu_pd(old_sums + l);
+    _mm256_storeu_pd(sums + l, add_nan_first4(mul_nan_first4(wv, _mm256_loadu_pd(preds + l)), old));
+  }
+  if (l < k) {
     const __m256i lanes = lanes_below(k, l);
     const __m256d p = _mm256_maskload_pd(preds + l, lanes);
     const __m256d old = reset ? _mm256_setzero_pd() : _mm256_maskload_pd(old_sums + l, lanes);
@@ -1057,17 +1064,27 @@ __attribute__((target("avx2"))) void log_row_avx2(const double* old, double* ld,
   const __m256d plus = _mm256_set1_pd(alpha), minus = _mm256_set1_pd(-alpha);
   const __m256d lzv = _mm256_set1_pd(lz);
   for (int l = 0; l < k; l += 4) {
+    // Whole vectors with plain loads and stores, the last labels under a
+    // mask.
+    const bool whole = l + 4 <= k;
     const __m256i lanes = lanes_below(k, l);
-    __m256d v = _mm256_maskload_pd(old + l, lanes);
+    __m256d v = whole ? _mm256_loadu_pd(old + l) : _mm256_maskload_pd(old + l, lanes);
     if (pending) v = _mm256_sub_pd(v, lzv);
     // The labels the example carries, as lane masks (bytes past k read as 0).
     uint32_t bytes = 0;
-    memcpy(&bytes, yh + l, static_cast<size_t>(std::min(4, k - l)));
+    if (whole)
+      memcpy(&bytes, yh + l, 4);
+    else
+      for (int b = 0; b < k - l; ++b) bytes |= static_cast<uint32_t>(yh[l + b]) << (8 * b);
     const __m256i carried = _mm256_cmpgt_epi64(_mm256_cvtepu8_epi64(_mm_cvtsi32_si128(static_cast<int>(bytes))),
                                                _mm256_setzero_si256());
     const __m256d factor = _mm256_blendv_pd(plus, minus, _mm256_castsi256_pd(carried));
-    const __m256d prod = mul_nan_first4(_mm256_maskload_pd(p + l, lanes), factor);
-    _mm256_maskstore_pd(ld + l, lanes, add_nan_first4(v, prod));
+    const __m256d pv = whole ? _mm256_loadu_pd(p + l) : _mm256_maskload_pd(p + l, lanes);
+    const __m256d out = add_nan_first4(v, mul_nan_first4(pv, factor));
+    if (whole)
+      _mm256_storeu_pd(ld + l, out);
+    else
+      _mm256_maskstore_pd(ld + l, lanes, out);
   }
 }
 
