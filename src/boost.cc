@@ -584,26 +584,43 @@ __attribute__((target("avx512f"))) void stream_weight_lines(double* d, const dou
   _mm_sfence();
 }
 
-// Examples [i0, i1) of the distribution with AVX2: each the exponentials of
-// its group's row, times inv when `scale`, as mul_nan_first makes them.
-__attribute__((target("avx2"))) void weight_rows_avx2(double* d, const double* e, const int* of,
-                                                      const int* rows, size_t k, double inv,
-                                                      bool scale, int i0, int i1) {
+// The AVX2 form of stream_weight_lines, with vectors of four weights:
+// vectors [c0, c1) of the distribution, vector c being the four weights
+// that start at flat position head + 4c (a 32-byte boundary). A vector
+// holds the end of one example's row and the start of the next where it
+// crosses a row boundary (k >= 4, so never more than two).
+__attribute__((target("avx2"))) void stream_weight_vectors(double* d, const double* e,
+                                                           const int* of, const int* rows,
+                                                           size_t k, double inv, bool scale,
+                                                           size_t head, size_t c0, size_t c1) {
   const __m256d vinv = _mm256_set1_pd(inv);
-  const size_t full = k & ~size_t{3};
-  const __m256i tail = _mm256_cmpgt_epi64(_mm256_set1_epi64x(static_cast<long long>(k - full)),
-                                          _mm256_setr_epi64x(0, 1, 2, 3));
-  auto scaled = [&](__m256d v) __attribute__((target("avx2"))) {
-    if (!scale) return v;
-    const __m256d nan = _mm256_cmp_pd(v, v, _CMP_UNORD_Q);
-    return _mm256_blendv_pd(_mm256_mul_pd(v, vinv), v, nan);
-  };
-  for (int i = i0; i < i1; ++i) {
+  const __m256i lane = _mm256_setr_epi64x(0, 1, 2, 3);
+  size_t i = (head + 4 * c0) / k, l = head + 4 * c0 - i * k;
+  for (size_t c = c0; c < c1; ++c) {
     const double* row = e + static_cast<size_t>(rows[of[i]]) * k;
-    double* out = d + static_cast<size_t>(i) * k;
-    for (size_t l = 0; l < full; l += 4) _mm256_storeu_pd(out + l, scaled(_mm256_loadu_pd(row + l)));
-    if (full < k) _mm256_maskstore_pd(out + full, tail, scaled(_mm256_maskload_pd(row + full, tail)));
+    __m256d v;
+    if (l + 4 <= k) {
+      v = _mm256_loadu_pd(row + l);
+    } else {
+      // Lanes below `own` from this row, the others from the next one.
+      const __m256i own = _mm256_cmpgt_epi64(_mm256_set1_epi64x(static_cast<long long>(k - l)), lane);
+      const double* next = e + static_cast<size_t>(rows[of[i + 1]]) * k;
+      v = _mm256_or_pd(_mm256_maskload_pd(row + l, own),
+                       _mm256_maskload_pd(next - (k - l), _mm256_xor_si256(own, _mm256_set1_epi64x(-1))));
+    }
+    if (scale) {
+      const __m256d nan = _mm256_cmp_pd(v, v, _CMP_UNORD_Q);
+      v = _mm256_blendv_pd(_mm256_mul_pd(v, vinv), v, nan);
+    }
+    _mm256_stream_pd(d + head + 4 * c, v);
+    l += 4;
+    if (l >= k) {
+      l -= k;
+      ++i;
+    }
   }
+  // The streamed vectors reach memory before any thread reads them.
+  _mm_sfence();
 }
 
 // Real AdaBoost.MH: distribution = the exponentials of the log weights,
@@ -630,21 +647,24 @@ void publish_distribution(double err) {
     return scale ? mul_nan_first(w, inv) : w;
   };
   const size_t total = static_cast<size_t>(m) * ku;
-  if (has_avx512 && k >= 8 && total / 8 <= static_cast<size_t>(INT32_MAX)) {
-    // Flat positions before the first 64-byte boundary and after the last
-    // whole line are written here, the lines between on all threads.
-    const size_t misalign = reinterpret_cast<uintptr_t>(d) & 63;
-    const size_t head = std::min(total, misalign == 0 ? 0 : (64 - misalign) / sizeof(double));
-    const size_t lines = (total - head) / 8;
+  // Vectors of eight (AVX-512) or four (AVX2) weights.
+  const size_t width = has_avx512 && k >= 8 ? 8 : has_avx2 && k >= 4 ? 4 : 0;
+  if (width != 0 && total / width <= static_cast<size_t>(INT32_MAX)) {
+    // Flat positions before the first aligned vector and after the last
+    // whole one are written here, the vectors between on all threads.
+    const size_t bytes = width * sizeof(double);
+    const size_t misalign = reinterpret_cast<uintptr_t>(d) & (bytes - 1);
+    const size_t head = std::min(total, misalign == 0 ? 0 : (bytes - misalign) / sizeof(double));
+    const size_t vectors = (total - head) / width;
     for (size_t j = 0; j < head; ++j) d[j] = weight(j);
-    for (size_t j = head + 8 * lines; j < total; ++j) d[j] = weight(j);
-    Run_Parallel(static_cast<int>(lines), [&](int c0, int c1, int) {
-      stream_weight_lines(d, e, of, rows, ku, inv, scale, head, static_cast<size_t>(c0),
-                          static_cast<size_t>(c1));
-    });
-  } else if (has_avx2) {
-    Run_Parallel(m, [&](int i0, int i1, int) {
-      weight_rows_avx2(d, e, of, rows, ku, inv, scale, i0, i1);
+    for (size_t j = head + width * vectors; j < total; ++j) d[j] = weight(j);
+    Run_Parallel(static_cast<int>(vectors), [&](int c0, int c1, int) {
+      if (width == 8)
+        stream_weight_lines(d, e, of, rows, ku, inv, scale, head, static_cast<size_t>(c0),
+                            static_cast<size_t>(c1));
+      else
+        stream_weight_vectors(d, e, of, rows, ku, inv, scale, head, static_cast<size_t>(c0),
+                              static_cast<size_t>(c1));
     });
   } else {
     Run_Parallel(m, [&](int i0, int i1, int) {
