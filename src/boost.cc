@@ -64,7 +64,6 @@ const bool has_avx2 = __builtin_cpu_supports("avx2") != 0;
 double* distribution = nullptr;
 double* log_dist = nullptr;
 double* virtual_dist = nullptr;
-int dist_size = 0;
 
 // Examples that carry the same labels and to which every weak hypothesis so
 // far has answered with the same prediction vector have, bit for bit, the
@@ -461,7 +460,6 @@ void init_distribution() {
   const size_t mk = static_cast<size_t>(m) * k;
   switch (loss_mode) {
     case 3:
-      dist_size = m * k;
       distribution = alloc_weights(mk + 1);
       log_dist = static_cast<double*>(Malloc(sizeof(double) * (mk + 1)));
       if (!utility_mode) {
@@ -500,7 +498,6 @@ void init_distribution() {
       log_z_pending = false;
       break;
     case 1:
-      dist_size = m * k;
       distribution = static_cast<double*>(Malloc(sizeof(double) * (mk + 1)));
       if (!utility_mode) {
         const double w = 1.0 / (static_cast<double>(m) * k);
@@ -521,7 +518,6 @@ void init_distribution() {
         fprintf(stderr, "Utility mode not implemented for pseudo loss\n");
         Exit_Run(1);
       }
-      dist_size = m * k;
       distribution = static_cast<double*>(Malloc(sizeof(double) * (mk + 1)));
       virtual_dist = static_cast<double*>(Malloc(sizeof(double) * (mk + 1)));
       const double c = sqrt(0.5 / m);
@@ -542,7 +538,6 @@ void init_distribution() {
       break;
     }
     default:
-      dist_size = m;
       distribution = static_cast<double*>(Malloc(sizeof(double) * (m + 1)));
       for (int i = 0; i < m; ++i) distribution[i] = 1.0 / m;
       break;
@@ -696,58 +691,86 @@ void modify_distribution(struct weak_hyp* /*entry*/, double err, double abstain)
   const int k = data->num_classes;
   unsigned char** y = data->train_labels;
   const double* const* train_pred = train_groups.pred_of.data();
+  const size_t ku = static_cast<size_t>(k);
   if (loss_mode == 1) {
+    // Every weight gets its factor, and the new weights are summed in
+    // order in the same pass; the division is shared among the threads.
+    double sum = 0.0;
     if (abstain == 0.0) {
       const double beta = err / (1.0 - err);
-      for (int i = 0; i < m; ++i)
+      for (int i = 0; i < m; ++i) {
+        const double* p = train_pred[i];
+        const unsigned char* yi = y[i];
+        double* row = distribution + static_cast<size_t>(i) * ku;
         for (int l = 0; l < k; ++l) {
-          const double p = train_pred[i][l];
-          const double a = y[i][l] ? p : 1.0 - p;
-          distribution[i * k + l] *= 1.0 - (1.0 - beta) * a;
+          const double a = yi[l] ? p[l] : 1.0 - p[l];
+          row[l] *= 1.0 - (1.0 - beta) * a;
+          sum += row[l];
         }
+      }
     } else {
       const double wm = err - abstain / 2;
       const double wp = 1.0 - err - abstain / 2;
       const double norm = 1.0 / (2 * sqrt(wp * wm) + abstain);
-      for (int i = 0; i < m; ++i)
+      for (int i = 0; i < m; ++i) {
+        const double* p = train_pred[i];
+        const unsigned char* yi = y[i];
+        double* row = distribution + static_cast<size_t>(i) * ku;
         for (int l = 0; l < k; ++l) {
-          const double p = train_pred[i][l];
-          const double label = y[i][l] ? 1.0 : 0.0;
-          if (p == 0.5)
-            distribution[i * k + l] *= norm;
-          else if (p == label)
-            distribution[i * k + l] *= sqrt(wm / wp) * norm;
+          const double label = yi[l] ? 1.0 : 0.0;
+          if (p[l] == 0.5)
+            row[l] *= norm;
+          else if (p[l] == label)
+            row[l] *= sqrt(wm / wp) * norm;
           else
-            distribution[i * k + l] *= sqrt(wp / wm) * norm;
+            row[l] *= sqrt(wp / wm) * norm;
+          sum += row[l];
         }
-    }
-    double sum = 0.0;
-    for (int j = 0; j < dist_size; ++j) sum += distribution[j];
-    for (int j = 0; j < dist_size; ++j) distribution[j] /= sum;
-  } else if (loss_mode == 2) {
-    const double beta = sqrt(err / (1.0 - err));
-    double z = 0.0;
-    for (int i = 0; i < m; ++i) {
-      double s0 = 0.0, s1 = 0.0;
-      for (int l = 0; l < k; ++l) {
-        const double p = train_pred[i][l];
-        const double a = y[i][l] ? p : 1.0 - p;
-        virtual_dist[i * k + l] *= 1.0 - (1.0 - beta) * a;
-        if (y[i][l])
-          s1 += virtual_dist[i * k + l];
-        else
-          s0 += virtual_dist[i * k + l];
       }
-      z += s0 * s1;
-      for (int l = 0; l < k; ++l)
-        distribution[i * k + l] = virtual_dist[i * k + l] * (y[i][l] ? s0 : s1);
     }
+    // A copy for the threads: the sum itself stays in a register while it
+    // is added (a variable the threads see would be kept in memory).
+    const double total = sum;
+    Run_Parallel(m, [&](int i0, int i1, int) {
+      double* row = distribution + static_cast<size_t>(i0) * ku;
+      for (size_t j = 0, n = static_cast<size_t>(i1 - i0) * ku; j < n; ++j) row[j] /= total;
+    });
+  } else if (loss_mode == 2) {
+    // Each example's weights and its two sums on their own, shared among
+    // the threads; the normaliser adds the examples' products in order.
+    const double beta = sqrt(err / (1.0 - err));
+    static std::vector<double> products;
+    products.resize(m);
+    Run_Parallel(m, [&](int i0, int i1, int) {
+      for (int i = i0; i < i1; ++i) {
+        const double* p = train_pred[i];
+        const unsigned char* yi = y[i];
+        double* v = virtual_dist + static_cast<size_t>(i) * ku;
+        double* out = distribution + static_cast<size_t>(i) * ku;
+        double s0 = 0.0, s1 = 0.0;
+        for (int l = 0; l < k; ++l) {
+          const double a = yi[l] ? p[l] : 1.0 - p[l];
+          v[l] *= 1.0 - (1.0 - beta) * a;
+          if (yi[l])
+            s1 += v[l];
+          else
+            s0 += v[l];
+        }
+        products[i] = s0 * s1;
+        for (int l = 0; l < k; ++l) out[l] = v[l] * (yi[l] ? s0 : s1);
+      }
+    });
+    double z = 0.0;
+    for (int i = 0; i < m; ++i) z += products[i];
     const double s = 0.5 / z;
     const double rs = sqrt(s);
-    for (int j = 0; j < dist_size; ++j) {
-      virtual_dist[j] *= rs;
-      distribution[j] *= s;
-    }
+    Run_Parallel(m, [&](int i0, int i1, int) {
+      const size_t j0 = static_cast<size_t>(i0) * ku, j1 = static_cast<size_t>(i1) * ku;
+      for (size_t j = j0; j < j1; ++j) {
+        virtual_dist[j] *= rs;
+        distribution[j] *= s;
+      }
+    });
   }
 }
 
@@ -783,28 +806,30 @@ double compute_loss(struct weak_hyp* /*entry*/, double* out_abstain) {
   const int m = data->num_train;
   const int k = data->num_classes;
   unsigned char** y = data->train_labels;
-  double* d = distribution;
   const double* const* train_pred = train_groups.pred_of.data();
+  // One pass adds the weighted error in order and, for discrete
+  // AdaBoost.MH, the weight where the hypothesis abstains (0.5), which
+  // counts only when every other prediction is 0 or 1.
+  const bool abstaining = loss_mode == 1;
   double loss = 0.0;
-  for (int i = 0; i < m; ++i)
+  double abstain = 0.0;
+  bool other = false;
+  for (int i = 0; i < m; ++i) {
+    const double* p = train_pred[i];
+    const unsigned char* yi = y[i];
+    const double* d = distribution + static_cast<size_t>(i) * static_cast<size_t>(k);
     for (int l = 0; l < k; ++l) {
-      const double p = train_pred[i][l];
-      loss += y[i][l] ? d[i * k + l] * (1.0 - p) : d[i * k + l] * p;
-    }
-  *out_abstain = 0.0;
-  if (loss_mode == 1) {
-    double abstain = 0.0;
-    for (int i = 0; i < m; ++i)
-      for (int l = 0; l < k; ++l) {
-        const double p = train_pred[i][l];
-        if (p == 0.0 || p == 1.0) continue;
-        if (p == 0.5) {
-          abstain += d[i * k + l];
-        } else {
-          *out_abstain = 0.0;
-          return loss;
-        }
+      loss += yi[l] ? d[l] * (1.0 - p[l]) : d[l] * p[l];
+      if (abstaining && !other && p[l] != 0.0 && p[l] != 1.0) {
+        if (p[l] == 0.5)
+          abstain += d[l];
+        else
+          other = true;
       }
+    }
+  }
+  *out_abstain = 0.0;
+  if (abstaining && !other) {
     abstain -= 1e-50;
     if (abstain < 0) abstain = 0.0;
     *out_abstain = abstain;

@@ -30,8 +30,9 @@
 #include "score_pool.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <atomic>
 #include <bit>
+#include <cstdio>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
@@ -74,6 +75,14 @@ std::vector<uint8_t> label_rows;
 // For each expert, the previous expert with an identical training list
 // (-1 if none, or if the expert is not a term expert).
 std::vector<int> prev_twin;
+
+// The chunks of every block of kBlock experts of the discrete scan
+// (kDiscreteChunks per thread, each starting at its entry; one more entry
+// per block, the block's end). Threads take chunks as they finish the
+// last: the lists of early experts are the longer as a rule (a word that
+// occurs often is met early), so equal shares of experts left one thread
+// most of the work, and a cost estimate alone leaves some behind.
+std::vector<int> discrete_cuts;
 
 // Block working storage.
 // The blocks of the scan and their slots never change during a run, so
@@ -178,6 +187,38 @@ void find_twins() {
       x.list_id = experts[table[pos]].list_id;
     }
     table[pos] = e;
+  }
+}
+
+// An expert's cost in the discrete scan, in rows of signed weights added:
+// its list, once more for a threshold's sweep and twice for the sums the
+// winner's votes are taken from, and a fixed part for scoring its labels.
+// A twin just copies its twin's score.
+constexpr long kDiscreteScoreCost = 8;
+constexpr int kDiscreteChunks = 8;
+
+void lay_out_discrete_cuts() {
+  const int chunks = kDiscreteChunks * pool->Size();
+  discrete_cuts.clear();
+  std::vector<long> work;
+  for (int b = 0; b < num_experts; b += kBlock) {
+    const int e = std::min(num_experts, b + kBlock);
+    work.assign(static_cast<size_t>(e - b) + 1, 0);
+    for (int j = b; j < e; ++j) {
+      const text_expert_rec& x = experts[j];
+      long w = x.num_train + kDiscreteScoreCost;
+      if (x.type == kTypeThreshold)
+        w += 2L * x.num_train;
+      else if (prev_twin[j] >= b)
+        w = 1;
+      work[j - b + 1] = work[j - b] + w;
+    }
+    for (int c = 0; c < chunks; ++c) {
+      const long target = work.back() * c / chunks;
+      discrete_cuts.push_back(b + static_cast<int>(std::lower_bound(work.begin(), work.end(), target) -
+                                                   work.begin()));
+    }
+    discrete_cuts.push_back(e);
   }
 }
 
@@ -1920,6 +1961,7 @@ void Score_Pool_Init(text_expert_rec* e, example_data* d, int num_threads) {
     }
   }
   find_twins();
+  lay_out_discrete_cuts();
   lay_out_blocks();
   ensure_block_storage(k);
   choose_kernels();
@@ -2117,20 +2159,26 @@ int Score_Pool_Search_Discrete(double* s, double* S, int abstain, double* result
   const int k = num_labels;
   double best = 1.0;
   int best_index = 0;
-  for (int b = 0; b < num_experts; b += kBlock) {
+  const int threads = pool->Size();
+  const int chunks = kDiscreteChunks * threads;
+  for (int b = 0, blk = 0; b < num_experts; b += kBlock, ++blk) {
     const int e = b + kBlock < num_experts ? b + kBlock : num_experts;
     const int n = e - b;
     for (int j = 0; j < n; ++j) copy_of[j] = prev_twin[b + j] >= b ? prev_twin[b + j] - b : -1;
-    pool->Run(n, [&](int j0, int j1, int t) {
+    const int* cut = &discrete_cuts[static_cast<size_t>(blk) * (chunks + 1)];
+    std::atomic<int> next_chunk{0};
+    pool->Run(threads, [&](int, int, int t) {
       Thread_Table& tt = thread_tables[t];
-      for (int j = j0; j < j1; ++j) {
-        text_expert_rec* x = &experts[b + j];
-        if (x->type == kTypeThreshold) {
-          scores[j] = abstain ? Text_Expert_PLoss_Threshold_Randomized(s, x, k, S, tt.c[0], tt.c[1], tt.c[2])
-                              : Text_Expert_PLoss_Threshold(s, x, k, S, tt.c[0], tt.c[1], tt.c[2]);
-        } else if (copy_of[j] < 0) {
-          scores[j] = abstain ? Text_Expert_PLoss_Randomized(s, x, k, S, tt.c[0], tt.c[1])
-                              : Text_Expert_PLoss(s, x, k, S, tt.c[0], tt.c[1]);
+      for (int c; (c = next_chunk.fetch_add(1, std::memory_order_relaxed)) < chunks;) {
+        for (int j = cut[c] - b; j < cut[c + 1] - b; ++j) {
+          text_expert_rec* x = &experts[b + j];
+          if (x->type == kTypeThreshold) {
+            scores[j] = abstain ? Text_Expert_PLoss_Threshold_Randomized(s, x, k, S, tt.c[0], tt.c[1], tt.c[2])
+                                : Text_Expert_PLoss_Threshold(s, x, k, S, tt.c[0], tt.c[1], tt.c[2]);
+          } else if (copy_of[j] < 0) {
+            scores[j] = abstain ? Text_Expert_PLoss_Randomized(s, x, k, S, tt.c[0], tt.c[1])
+                                : Text_Expert_PLoss(s, x, k, S, tt.c[0], tt.c[1]);
+          }
         }
       }
     });

@@ -3,11 +3,14 @@
 // expert on an example.
 #include "weak_learn.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "die.h"
 #include "loss.h"
@@ -226,22 +229,56 @@ text_expert_rec* GetWeakHypothesis_Table_Exp_Loss_Randomized(double* D, example_
   return h;
 }
 
+namespace {
+
+// The positions i * k + l in the weights of the labels every training
+// example of `d` carries, in example order (listed once per data set).
+const std::vector<size_t>& carried_positions(const example_data* d) {
+  static const example_data* listed = nullptr;
+  static std::vector<size_t> positions;
+  if (listed != d) {
+    const size_t k = static_cast<size_t>(d->num_classes);
+    positions.clear();
+    for (int i = 0; i < d->num_train; ++i)
+      for (size_t l = 0; l < k; ++l)
+        if (d->train_labels[i][l]) positions.push_back(static_cast<size_t>(i) * k + l);
+    if (positions.size() > static_cast<size_t>(INT32_MAX)) {
+      fprintf(stderr, "Too many labels carried by the training examples\n");
+      Exit_Run(1);
+    }
+    listed = d;
+  }
+  return positions;
+}
+
+}  // namespace
+
 text_expert_rec* GetWeakHypothesis_PLoss(double* D, example_data* d) {
   if (text_experts == nullptr || text_experts[0].term == nullptr) no_experts();
   const int k = d->num_classes;
   const int m = d->num_train;
-  unsigned char** y = d->train_labels;
   double* S = new_vector(k);
-  for (int i = 0; i < m; ++i)
-    for (int l = 0; l < k; ++l) {
-      if (y[i][l]) D[i * k + l] = -D[i * k + l];
-      S[l] += D[i * k + l];
+  // The weights of the labels an example carries change sign for the scan
+  // (and back after it); then S[l] sums label l's signed weights in
+  // example order, a chain of its own for each label, so the labels are
+  // shared among the threads (in vectors of eight, so that no two threads
+  // read the same cache line as a rule).
+  const std::vector<size_t>& carried = carried_positions(d);
+  auto flip_carried = [&](int p0, int p1, int) {
+    for (int p = p0; p < p1; ++p) D[carried[p]] = -D[carried[p]];
+  };
+  Run_Parallel(static_cast<int>(carried.size()), flip_carried);
+  const size_t ku = static_cast<size_t>(k);
+  Run_Parallel((k + 7) / 8, [&](int g0, int g1, int) {
+    const int l0 = 8 * g0, l1 = std::min(k, 8 * g1);
+    for (int i = 0; i < m; ++i) {
+      const double* row = D + static_cast<size_t>(i) * ku;
+      for (int l = l0; l < l1; ++l) S[l] += row[l];
     }
+  });
   double* rc[3] = {new_vector(k), new_vector(k), new_vector(k)};
   int best_index = Score_Pool_Search_Discrete(D, S, info.abstain, rc);
-  for (int i = 0; i < m; ++i)
-    for (int l = 0; l < k; ++l)
-      if (y[i][l]) D[i * k + l] = -D[i * k + l];
+  Run_Parallel(static_cast<int>(carried.size()), flip_carried);
   free(S);
   text_expert_rec* h = Copy_Text_Expert(&text_experts[best_index], k);
   h->c0 = rc[0];
