@@ -59,6 +59,14 @@ double Text_Expert_PLoss_Threshold(double* s, text_expert_rec* e, int k,
 double Text_Expert_PLoss_Threshold_Randomized(double* s, text_expert_rec* e,
                                               int k, double* S, double* c0,
                                               double* c1, double* c2);
+/// A quick estimate of Text_Expert_PLoss (with `abstain`, of
+/// Text_Expert_PLoss_Randomized): the same per-label terms, added in another
+/// order. *magnitude receives the sum of their absolute values, which
+/// bounds how far the estimate and the score can differ (by a few units in
+/// the last place of it per label). `r1` is scratch space for k sums.
+double Text_Expert_PLoss_Estimate(const double* s, const text_expert_rec* e, int k,
+                                  const double* S, bool abstain, double* r1,
+                                  double* magnitude);
 /// Vote of a region from its signed sum: 1 below 0, 0 above, 0.5 at 0/NaN.
 double Region_Vote(double r);
 

@@ -6,6 +6,7 @@
 // label l and -D(i,l) when it carries it, and S[l] is their total over all
 // training examples. A negative region sum therefore means the examples that
 // carry the label outweigh the others in that region.
+#include <cmath>
 #include <cstddef>
 
 #include <immintrin.h>
@@ -140,7 +141,49 @@ double Threshold_Sweep(const double* s, text_expert_rec* e, int k,
   return best_score;
 }
 
+// The terms of a term expert's score, lane by lane: the negative part of
+// the sum where the term occurs, and of the sum where it does not (half of
+// that sum, whatever its sign, when the expert abstains there). A NaN sum
+// gives the term 0, as the score's "below zero" tests do.
+__attribute__((target("avx2"))) double estimate_avx2(const double* r1, const double* S, int k,
+                                                     bool abstain, double* magnitude) {
+  const __m256d zero = _mm256_setzero_pd(), half = _mm256_set1_pd(0.5);
+  const __m256d no_sign = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7fffffffffffffffLL));
+  __m256d sum = zero, mag = zero;
+  for (int l = 0; l < k; l += 4) {
+    const __m256i lanes = _mm256_cmpgt_epi64(_mm256_set1_epi64x(k - l), _mm256_setr_epi64x(0, 1, 2, 3));
+    const __m256d a1 = _mm256_maskload_pd(r1 + l, lanes);
+    const __m256d a0 = _mm256_sub_pd(_mm256_maskload_pd(S + l, lanes), a1);
+    const __m256d t1 = _mm256_and_pd(_mm256_cmp_pd(a1, zero, _CMP_LT_OQ), a1);
+    const __m256d t0 = abstain ? _mm256_mul_pd(half, a0) : _mm256_and_pd(_mm256_cmp_pd(a0, zero, _CMP_LT_OQ), a0);
+    sum = _mm256_add_pd(sum, _mm256_add_pd(t1, t0));
+    mag = _mm256_add_pd(mag, _mm256_add_pd(_mm256_and_pd(t1, no_sign), _mm256_and_pd(t0, no_sign)));
+  }
+  double s4[4], m4[4];
+  _mm256_storeu_pd(s4, sum);
+  _mm256_storeu_pd(m4, mag);
+  *magnitude = (m4[0] + m4[1]) + (m4[2] + m4[3]);
+  return (s4[0] + s4[1]) + (s4[2] + s4[3]);
+}
+
 }  // namespace
+
+double Text_Expert_PLoss_Estimate(const double* s, const text_expert_rec* e, int k,
+                                  const double* S, bool abstain, double* r1,
+                                  double* magnitude) {
+  Occurrence_Sums(s, e, k, r1);
+  if (has_avx2) return estimate_avx2(r1, S, k, abstain, magnitude);
+  double sum = 0.0, mag = 0.0;
+  for (int l = 0; l < k; l++) {
+    const double t1 = Negative_Part(r1[l]);
+    const double r0 = S[l] - r1[l];
+    const double t0 = abstain ? 0.5 * r0 : Negative_Part(r0);
+    sum += t1 + t0;
+    mag += std::fabs(t1) + std::fabs(t0);
+  }
+  *magnitude = mag;
+  return sum;
+}
 
 double Region_Vote(double r) {
   if (r < 0) return 1.0;

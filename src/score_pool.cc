@@ -129,7 +129,8 @@ class Line_Buffer {
   size_t size_ = 0;
 };
 Line_Buffer sums;                // slot -> 2k sums [A0 | A1]
-std::vector<double> bound;       // slot -> lower bound of the score
+std::vector<double> bound;       // slot (discrete scan: expert) -> lower bound of the score
+std::vector<double> upper;       // discrete scan: expert in block -> upper bound
 std::vector<double> state;       // expert in block -> 2k replayed [U0 | U1]
 std::vector<uint8_t> candidate;  // expert in block -> needs an exact score
 std::vector<int> candidate_list; // the experts in block that do, in order
@@ -196,6 +197,8 @@ void find_twins() {
 // A twin just copies its twin's score.
 constexpr long kDiscreteScoreCost = 8;
 constexpr int kDiscreteChunks = 8;
+// Relative margin between a discrete score's estimate and its bounds.
+constexpr double kDiscreteMargin = 1e-9;
 
 void lay_out_discrete_cuts() {
   const int chunks = kDiscreteChunks * pool->Size();
@@ -226,6 +229,7 @@ void ensure_block_storage(int k) {
   const size_t two_k = 2 * static_cast<size_t>(k);
   sums.resize(kBlock * two_k);
   bound.resize(kBlock);
+  upper.resize(kBlock);
   state.resize(kBlock * two_k);
   candidate.resize(kBlock);
   scores.resize(kBlock);
@@ -2161,12 +2165,18 @@ int Score_Pool_Search_Discrete(double* s, double* S, int abstain, double* result
   int best_index = 0;
   const int threads = pool->Size();
   const int chunks = kDiscreteChunks * threads;
+  // An estimate adds the same 2k terms as the score in another order, so
+  // the two differ by less than (2k - 1) DBL_EPSILON times the sum of the
+  // terms' magnitudes: far inside this margin.
+  const double margin = kDiscreteMargin + 4.0 * k * DBL_EPSILON;
   for (int b = 0, blk = 0; b < num_experts; b += kBlock, ++blk) {
     const int e = b + kBlock < num_experts ? b + kBlock : num_experts;
     const int n = e - b;
     for (int j = 0; j < n; ++j) copy_of[j] = prev_twin[b + j] >= b ? prev_twin[b + j] - b : -1;
     const int* cut = &discrete_cuts[static_cast<size_t>(blk) * (chunks + 1)];
     std::atomic<int> next_chunk{0};
+    // Thresholds are scored exactly; the other experts' scores are first
+    // estimated, with bounds on how far the exact score can be.
     pool->Run(threads, [&](int, int, int t) {
       Thread_Table& tt = thread_tables[t];
       for (int c; (c = next_chunk.fetch_add(1, std::memory_order_relaxed)) < chunks;) {
@@ -2176,13 +2186,61 @@ int Score_Pool_Search_Discrete(double* s, double* S, int abstain, double* result
             scores[j] = abstain ? Text_Expert_PLoss_Threshold_Randomized(s, x, k, S, tt.c[0], tt.c[1], tt.c[2])
                                 : Text_Expert_PLoss_Threshold(s, x, k, S, tt.c[0], tt.c[1], tt.c[2]);
           } else if (copy_of[j] < 0) {
-            scores[j] = abstain ? Text_Expert_PLoss_Randomized(s, x, k, S, tt.c[0], tt.c[1])
-                                : Text_Expert_PLoss(s, x, k, S, tt.c[0], tt.c[1]);
+            double magnitude;
+            const double estimate = Text_Expert_PLoss_Estimate(s, x, k, S, abstain != 0, tt.c[1], &magnitude);
+            const double slack = margin * magnitude + 1e-300;
+            bound[j] = estimate - slack;
+            upper[j] = estimate + slack;
+            // Sums out of range give no usable bounds: score such experts.
+            if (!(magnitude < 1e300) || !std::isfinite(bound[j]) || !std::isfinite(upper[j])) {
+              bound[j] = -HUGE_VAL;
+              upper[j] = HUGE_VAL;
+            }
           }
         }
       }
     });
+    // The winner has the first smallest score. No expert whose score is
+    // certainly above the best before this block, or above another
+    // expert's score, can be it (nor change which one it is), so only the
+    // others get exact scores.
+    double limit = best;
     for (int j = 0; j < n; ++j) {
+      if (experts[b + j].type == kTypeThreshold) {
+        const double sc = static_cast<double>(scores[j]);
+        if (sc < limit) limit = sc;
+      } else if (copy_of[j] < 0 && upper[j] < limit) {
+        limit = upper[j];
+      }
+    }
+    std::vector<int>& cands = candidate_list;
+    cands.clear();
+    for (int j = 0; j < n; ++j) {
+      if (experts[b + j].type == kTypeThreshold) {
+        candidate[j] = 1;
+      } else if (copy_of[j] >= 0) {
+        candidate[j] = candidate[copy_of[j]];
+      } else {
+        candidate[j] = bound[j] <= limit;
+        if (candidate[j]) cands.push_back(j);
+      }
+    }
+    auto score_candidates = [&](int q0, int q1, int t) {
+      Thread_Table& tt = thread_tables[t];
+      for (int q = q0; q < q1; ++q) {
+        const int j = cands[q];
+        text_expert_rec* x = &experts[b + j];
+        scores[j] = abstain ? Text_Expert_PLoss_Randomized(s, x, k, S, tt.c[0], tt.c[1])
+                            : Text_Expert_PLoss(s, x, k, S, tt.c[0], tt.c[1]);
+      }
+    };
+    const int ncand = static_cast<int>(cands.size());
+    if (ncand < kFewCandidates)
+      score_candidates(0, ncand, 0);
+    else
+      pool->Run(ncand, score_candidates);
+    for (int j = 0; j < n; ++j) {
+      if (!candidate[j]) continue;
       if (experts[b + j].type != kTypeThreshold && copy_of[j] >= 0) scores[j] = scores[copy_of[j]];
       const double sc = static_cast<double>(scores[j]);
       if (sc < best) {

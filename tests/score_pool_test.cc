@@ -394,4 +394,145 @@ TEST(ScorePool, DistantTwinsAndEmptyLists) {
   EXPECT_EQ(expected, Score_Pool_Search(s.D.data(), got.W, 0));
 }
 
+// The discrete scan scores most experts by an estimate and only the few
+// that could win exactly. Against one exact scoring call per expert in
+// order: the same winner and the same votes, with the signed weights of a
+// discrete round, for every thread count, with and without abstaining.
+// Pairs of examples with equal labels and weights give experts that occur
+// in one or the other exact ties (the first must win); experts ordered by
+// falling score each become the best in turn.
+TEST(ScorePool, DiscreteScanMatchesSequential) {
+  for (const bool falling : {false, true}) {
+    Synthetic s;
+    build(&s, 31, 400, 9, falling ? 3000 : 12000);
+    for (int i = 0; i + 1 < s.m; i += 2) {
+      std::copy(s.label_store[i].begin(), s.label_store[i].end(), s.label_store[i + 1].begin());
+      std::copy_n(&s.D[static_cast<size_t>(i) * s.k], s.k, &s.D[static_cast<size_t>(i + 1) * s.k]);
+    }
+    for (int e = 0; e + 1 < static_cast<int>(s.experts.size()) - 1; e += 40) {
+      if (s.experts[e].type != kTypeFgram || s.experts[e + 1].type != kTypeFgram) continue;
+      const int i = 2 * ((e / 40) % (s.m / 2));
+      s.lists[e] = {i};
+      s.lists[e + 1] = {i + 1};
+      for (int x : {e, e + 1}) {
+        s.experts[x].num_train = 1;
+        s.experts[x].train_index = s.lists[x].data();
+      }
+    }
+    std::vector<double> signed_w(s.D);
+    std::vector<double> S(s.k, 0.0);
+    for (int i = 0; i < s.m; ++i)
+      for (int l = 0; l < s.k; ++l) {
+        double& w = signed_w[static_cast<size_t>(i) * s.k + l];
+        if (s.labels[i][l]) w = -w;
+        S[l] += w;
+      }
+    for (const int abstain : {0, 1}) {
+      std::vector<std::vector<double>> c(3, std::vector<double>(s.k));
+      auto score = [&](text_expert_rec* x, std::vector<std::vector<double>>& out) {
+        if (x->type == kTypeThreshold)
+          return abstain ? Text_Expert_PLoss_Threshold_Randomized(signed_w.data(), x, s.k, S.data(),
+                                                                  out[0].data(), out[1].data(), out[2].data())
+                         : Text_Expert_PLoss_Threshold(signed_w.data(), x, s.k, S.data(), out[0].data(),
+                                                       out[1].data(), out[2].data());
+        return abstain ? Text_Expert_PLoss_Randomized(signed_w.data(), x, s.k, S.data(), out[0].data(), out[1].data())
+                       : Text_Expert_PLoss(signed_w.data(), x, s.k, S.data(), out[0].data(), out[1].data());
+      };
+      if (falling) {
+        // Term experts only, from the highest score to the lowest.
+        std::vector<std::pair<double, int>> by_score;
+        for (int e = 0; s.experts[e].term != nullptr; ++e)
+          if (s.experts[e].type == kTypeFgram) by_score.push_back({-score(&s.experts[e], c), e});
+        std::sort(by_score.begin(), by_score.end());
+        std::vector<text_expert_rec> ordered;
+        for (auto& p : by_score) ordered.push_back(s.experts[p.second]);
+        ordered.push_back(text_expert_rec{});
+        s.experts = ordered;
+      }
+      double best = 1.0;
+      int expected = 0;
+      std::vector<std::vector<double>> votes(3, std::vector<double>(s.k, 0.0));
+      for (int e = 0; s.experts[e].term != nullptr; ++e) {
+        const double sc = score(&s.experts[e], c);
+        if (sc < best) {
+          best = sc;
+          expected = e;
+          for (int t = 0; t < 3; ++t)
+            if (s.experts[e].type == kTypeThreshold || t < 2) votes[t] = c[t];
+        }
+      }
+      if (s.experts[expected].type != kTypeThreshold) votes[2].assign(s.k, 0.0);
+      for (int threads : {1, 2, 7}) {
+        Score_Pool_Init(s.experts.data(), &s.data, threads);
+        std::vector<std::vector<double>> got(3, std::vector<double>(s.k, -1.0));
+        double* out[3] = {got[0].data(), got[1].data(), got[2].data()};
+        std::vector<double> w(signed_w);
+        const std::string what = std::string(falling ? "falling" : "mixed") + ", abstain " +
+                                 std::to_string(abstain) + ", threads " + std::to_string(threads);
+        EXPECT_EQ(expected, Score_Pool_Search_Discrete(w.data(), S.data(), abstain, out)) << what;
+        for (int t = 0; t < 3; ++t) EXPECT_EQ(votes[t], got[t]) << what << ", votes " << t;
+      }
+    }
+  }
+}
+
+// Three lists over the same three weight rows in rotated orders: their
+// sums, and so their scores, differ in the last bits at most, and an
+// estimate that adds the terms in another order can rank them the other
+// way round. The scan must still take the first exactly smallest.
+TEST(ScorePool, DiscreteScanKeepsNearTies) {
+  int unequal = 0;
+  for (unsigned seed = 0; seed < 200; ++seed) {
+    Synthetic s;
+    build(&s, 100 + seed, 9, 9, 3);
+    std::mt19937 rng(seed);
+    std::vector<std::vector<double>> rows(3, std::vector<double>(s.k));
+    std::vector<std::vector<unsigned char>> labels(3, std::vector<unsigned char>(s.k));
+    for (int r = 0; r < 3; ++r)
+      for (int l = 0; l < s.k; ++l) {
+        labels[r][l] = rng() % 2;
+        rows[r][l] = std::ldexp(1.0 + (rng() % 100000) / 99991.0, -static_cast<int>(rng() % 40));
+      }
+    // Examples 0-2 hold rows A B C, 3-5 B C A, 6-8 C A B.
+    for (int g = 0; g < 3; ++g) {
+      for (int q = 0; q < 3; ++q) {
+        const int i = 3 * g + q, r = (g + q) % 3;
+        std::copy(labels[r].begin(), labels[r].end(), s.label_store[i].begin());
+        std::copy(rows[r].begin(), rows[r].end(), &s.D[static_cast<size_t>(i) * s.k]);
+      }
+      s.experts[g].type = kTypeFgram;
+      s.lists[g] = {3 * g, 3 * g + 1, 3 * g + 2};
+      s.experts[g].num_train = 3;
+      s.experts[g].train_index = s.lists[g].data();
+    }
+    std::vector<double> w(s.D);
+    std::vector<double> S(s.k, 0.0);
+    for (int i = 0; i < s.m; ++i)
+      for (int l = 0; l < s.k; ++l) {
+        if (s.labels[i][l]) w[static_cast<size_t>(i) * s.k + l] *= -1;
+        S[l] += w[static_cast<size_t>(i) * s.k + l];
+      }
+    std::vector<double> c0(s.k), c1(s.k), c2(s.k);
+    double best = 1.0;
+    int expected = 0;
+    double first = 0;
+    for (int e = 0; e < 3; ++e) {
+      const double sc = Text_Expert_PLoss(w.data(), &s.experts[e], s.k, S.data(), c0.data(), c1.data());
+      if (e == 0) first = sc;
+      if (sc != first) ++unequal;
+      if (sc < best) {
+        best = sc;
+        expected = e;
+      }
+    }
+    for (int threads : {1, 2}) {
+      Score_Pool_Init(s.experts.data(), &s.data, threads);
+      double* out[3] = {c0.data(), c1.data(), c2.data()};
+      EXPECT_EQ(expected, Score_Pool_Search_Discrete(w.data(), S.data(), 0, out))
+          << "seed " << seed << ", threads " << threads;
+    }
+  }
+  EXPECT_GT(unequal, 20) << "too few near ties to test";
+}
+
 }  // namespace
