@@ -89,12 +89,39 @@ def load_note(meta):
     return 'The machine was otherwise idle (%s).' % figures
 
 
+def read_turns(path):
+    """name -> {turn: (total_s, round_trip_ns)} from turns.tsv, if any."""
+    turns = {}
+    if not os.path.exists(path):
+        return turns
+    for r in read_tsv(path):
+        turns.setdefault(r['name'], {})[r['turn']] = (r['total_s'], r['round_trip_ns'])
+    return turns
+
+
+def turn_note(turns, stem):
+    """The -T 1 and -T 2 totals turn by turn, with the round trip between
+    the two cores measured just before each -T 2 run."""
+    t1, t2 = turns.get(stem + '-T1', {}), turns.get(stem + '-T2', {})
+    shown = []
+    for turn in sorted(t2, key=int):
+        if turn not in t1 or not t2[turn][1]:
+            continue
+        shown.append('%s s and %s s (%s ns)' % (t1[turn][0], t2[turn][0], t2[turn][1]))
+    if not shown:
+        return ''
+    return (' Turn by turn, `-T 1` and `-T 2` totals, with the time a cache '
+            'line took between the two cores and back just before the `-T 2` '
+            'run: %s.' % '; '.join(shown))
+
+
 def main():
     if len(sys.argv) != 2:
         sys.exit('usage: report.py OUTDIR')
     out = sys.argv[1]
     meta = read_meta(os.path.join(out, 'meta.txt'))
     runs = read_tsv(os.path.join(out, 'mhboost.tsv'))
+    turns = read_turns(os.path.join(out, 'turns.tsv'))
     # peers in the order in which the mhboost table first names their task
     order = []
     for r in runs:
@@ -185,8 +212,9 @@ def main():
                           'with `-T 2`.' % (repeat, t1['totals_s'].replace(',', ', '),
                                             t2['totals_s'].replace(',', ', ')))
             p.append('Threads on debpkg (%s): %s s per round with `-T 1`, '
-                     '%s s with `-T 2`, a speed-up of %.2f.%s%s'
-                     % (what, seconds(a), seconds(b), a / b, spread, note))
+                     '%s s with `-T 2`, a speed-up of %.2f.%s%s%s'
+                     % (what, seconds(a), seconds(b), a / b, spread, note,
+                        turn_note(turns, stem)))
     xgb2 = [r for r in peers.get('debpkg', []) if r['method'] == 'xgb2'] if peers else []
     if xgb2:
         x = num(xgb2[0]['per_round'])
