@@ -118,6 +118,20 @@ void fill_totals(const Synthetic& s, weight_table W) {
     for (int l = 0; l < s.k; ++l) W[0][s.labels[i][l] ? 1 : 0][l] += s.D[i * s.k + l];
 }
 
+// The discrete learners' weights: negated where the example carries the
+// label, with their per-label totals added in example order.
+std::vector<double> signed_weights(const Synthetic& s, std::vector<double>* totals) {
+  std::vector<double> w(s.D);
+  totals->assign(s.k, 0.0);
+  for (int i = 0; i < s.m; ++i)
+    for (int l = 0; l < s.k; ++l) {
+      double& v = w[static_cast<size_t>(i) * s.k + l];
+      if (s.labels[i][l]) v = -v;
+      (*totals)[l] += v;
+    }
+  return w;
+}
+
 int sequential_scan(Synthetic* s, weight_table W, int abstaining) {
   double best = 1.0;
   int best_index = 0;
@@ -419,14 +433,8 @@ TEST(ScorePool, DiscreteScanMatchesSequential) {
         s.experts[x].train_index = s.lists[x].data();
       }
     }
-    std::vector<double> signed_w(s.D);
-    std::vector<double> S(s.k, 0.0);
-    for (int i = 0; i < s.m; ++i)
-      for (int l = 0; l < s.k; ++l) {
-        double& w = signed_w[static_cast<size_t>(i) * s.k + l];
-        if (s.labels[i][l]) w = -w;
-        S[l] += w;
-      }
+    std::vector<double> S;
+    std::vector<double> signed_w = signed_weights(s, &S);
     for (const int abstain : {0, 1}) {
       std::vector<std::vector<double>> c(3, std::vector<double>(s.k));
       auto score = [&](text_expert_rec* x, std::vector<std::vector<double>>& out) {
@@ -505,13 +513,8 @@ TEST(ScorePool, DiscreteScanKeepsNearTies) {
       s.experts[g].num_train = 3;
       s.experts[g].train_index = s.lists[g].data();
     }
-    std::vector<double> w(s.D);
-    std::vector<double> S(s.k, 0.0);
-    for (int i = 0; i < s.m; ++i)
-      for (int l = 0; l < s.k; ++l) {
-        if (s.labels[i][l]) w[static_cast<size_t>(i) * s.k + l] *= -1;
-        S[l] += w[static_cast<size_t>(i) * s.k + l];
-      }
+    std::vector<double> S;
+    std::vector<double> w = signed_weights(s, &S);
     std::vector<double> c0(s.k), c1(s.k), c2(s.k);
     double best = 1.0;
     int expected = 0;
