@@ -28,6 +28,11 @@ term_expander Text_Expert_Expand = nullptr;
 text_expert_rec* text_experts = nullptr;
 int classification_mode = 0;
 int lasti = 0;
+// The positions i * k + l in the weights of the labels every training
+// example carries, in example order; listed by the discrete learners on
+// first use and emptied whenever another training set is taken up.
+std::vector<size_t> carried;
+bool carried_listed = false;
 
 // Indexes the stored model against each example read in classification mode.
 void index_streamed_instance(example_data* d) {
@@ -129,6 +134,8 @@ example_data* InitializeWeakLearner(int argc, char** argv) {
   if (!info.classify_only) {
     text_experts = Create_Ngram_Experts(mem_data, Text_Expert_Expand, dsi, &info);
     Score_Pool_Init(text_experts, mem_data, info.num_threads);
+    carried.clear();
+    carried_listed = false;
   } else {
     classification_mode = 1;
     Set_New_Instance_Hook(index_streamed_instance);
@@ -231,24 +238,17 @@ text_expert_rec* GetWeakHypothesis_Table_Exp_Loss_Randomized(double* D, example_
 
 namespace {
 
-// The positions i * k + l in the weights of the labels every training
-// example of `d` carries, in example order (listed once per data set).
-const std::vector<size_t>& carried_positions(const example_data* d) {
-  static const example_data* listed = nullptr;
-  static std::vector<size_t> positions;
-  if (listed != d) {
-    const size_t k = static_cast<size_t>(d->num_classes);
-    positions.clear();
-    for (int i = 0; i < d->num_train; ++i)
-      for (size_t l = 0; l < k; ++l)
-        if (d->train_labels[i][l]) positions.push_back(static_cast<size_t>(i) * k + l);
-    if (positions.size() > static_cast<size_t>(INT32_MAX)) {
-      fprintf(stderr, "Too many labels carried by the training examples\n");
-      Exit_Run(1);
-    }
-    listed = d;
+void list_carried(const example_data* d) {
+  const size_t k = static_cast<size_t>(d->num_classes);
+  carried.clear();
+  for (int i = 0; i < d->num_train; ++i)
+    for (size_t l = 0; l < k; ++l)
+      if (d->train_labels[i][l]) carried.push_back(static_cast<size_t>(i) * k + l);
+  if (carried.size() > static_cast<size_t>(INT32_MAX)) {
+    fprintf(stderr, "Too many labels carried by the training examples\n");
+    Exit_Run(1);
   }
-  return positions;
+  carried_listed = true;
 }
 
 }  // namespace
@@ -263,7 +263,7 @@ text_expert_rec* GetWeakHypothesis_PLoss(double* D, example_data* d) {
   // example order, a chain of its own for each label, so the labels are
   // shared among the threads (in vectors of eight, so that no two threads
   // read the same cache line as a rule).
-  const std::vector<size_t>& carried = carried_positions(d);
+  if (!carried_listed) list_carried(d);
   auto flip_carried = [&](int p0, int p1, int) {
     for (int p = p0; p < p1; ++p) D[carried[p]] = -D[carried[p]];
   };
