@@ -538,4 +538,67 @@ TEST(ScorePool, DiscreteScanKeepsNearTies) {
   EXPECT_GT(unequal, 20) << "too few near ties to test";
 }
 
+// Many experts over the same five weight rows in every order: their exact
+// scores differ in the last bits at most, so every one of them is a
+// candidate for the exact score, far more than a block scores on one
+// thread. Ordered from the highest score to the lowest, the last one wins,
+// and the scan must find it. The rows carry the first label only, and one
+// more example, in no list and carrying no label, outweighs all others, so
+// that an expert's score is its sum for the first label, with that sum's
+// own rounding.
+TEST(ScorePool, DiscreteScanScoresEveryNearTie) {
+  constexpr int kRows = 5, kOrders = 120;  // 5! orders
+  Synthetic s;
+  build(&s, 7, kRows * kOrders + 1, 9, kOrders);
+  std::mt19937_64 rng(2);
+  std::vector<std::vector<double>> rows(kRows, std::vector<double>(s.k));
+  for (auto& row : rows)
+    for (double& v : row) v = std::ldexp(static_cast<double>(rng() >> 11), -53 - static_cast<int>(rng() % 3));
+  std::vector<int> order(kRows);
+  for (int r = 0; r < kRows; ++r) order[r] = r;
+  for (int e = 0; e < kOrders; ++e) {
+    for (int q = 0; q < kRows; ++q) {
+      const int i = kRows * e + q;
+      std::fill(s.label_store[i].begin(), s.label_store[i].end(), 0);
+      s.label_store[i][0] = 1;
+      std::copy(rows[order[q]].begin(), rows[order[q]].end(), &s.D[static_cast<size_t>(i) * s.k]);
+    }
+    s.lists[e].resize(kRows);
+    for (int q = 0; q < kRows; ++q) s.lists[e][q] = kRows * e + q;
+    s.experts[e] = text_expert_rec{};
+    s.experts[e].term = s.terms[e].data();
+    s.experts[e].type = kTypeFgram;
+    s.experts[e].num_train = kRows;
+    s.experts[e].train_index = s.lists[e].data();
+    std::next_permutation(order.begin(), order.end());
+  }
+  const int heavy = kRows * kOrders;
+  for (int l = 0; l < s.k; ++l) {
+    s.label_store[heavy][l] = 0;
+    s.D[static_cast<size_t>(heavy) * s.k + l] = 1000.0;
+  }
+  std::vector<double> S;
+  std::vector<double> w = signed_weights(s, &S);
+  std::vector<double> c0(s.k), c1(s.k), c2(s.k);
+  // From the highest score to the lowest, with one expert of the lowest.
+  std::vector<std::pair<double, int>> by_score;
+  for (int e = 0; e < kOrders; ++e)
+    by_score.push_back({-Text_Expert_PLoss(w.data(), &s.experts[e], s.k, S.data(), c0.data(), c1.data()), e});
+  std::stable_sort(by_score.begin(), by_score.end());
+  std::vector<text_expert_rec> ordered;
+  for (const auto& [minus_score, e] : by_score)
+    if (minus_score != by_score.back().first || e == by_score.back().second)
+      ordered.push_back(s.experts[e]);
+  const int last = static_cast<int>(ordered.size()) - 1;
+  ASSERT_GT(last, 100) << "too few near ties";
+  ordered.push_back(text_expert_rec{});
+  s.experts = ordered;
+  for (int threads : {1, 2, 7}) {
+    Score_Pool_Init(s.experts.data(), &s.data, threads);
+    double* out[3] = {c0.data(), c1.data(), c2.data()};
+    std::vector<double> sw(w);
+    EXPECT_EQ(last, Score_Pool_Search_Discrete(sw.data(), S.data(), 0, out)) << "threads " << threads;
+  }
+}
+
 }  // namespace
