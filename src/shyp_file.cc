@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -270,37 +271,86 @@ void Write_Strong_Hypothesis_To(FILE* out, weak_hyp* whs, int count) {
   }
 }
 
+namespace {
+
+// Writes the model to `out` and closes it. Returns 0, or the error number of
+// the first write or close that failed.
+int Write_And_Close(FILE* out, weak_hyp* whs, int count) {
+  Write_Strong_Hypothesis_To(out, whs, count);
+  int error = ferror(out) != 0 ? (errno != 0 ? errno : EIO) : 0;
+  if (fclose(out) != 0 && error == 0) error = errno;
+  return error;
+}
+
+[[noreturn]] void Model_Write_Failed(const char* path, int error) {
+  fprintf(stderr, "mhboost: %s: cannot write the model file: %s\n", path,
+          strerror(error));
+  Exit_Run(1);
+}
+
+}  // namespace
+
 void WriteStrongHypothesis(weak_hyp* whs, int* count, int /*ecoc_mode*/) {
   CompileStrongTextHypothesis(whs, count);
   char* path = Model_Path(Weak_File_Stem());
-  // The model goes to a file beside the target and replaces it only when
-  // complete, so that a failed write never destroys an older model.
-  size_t n = strlen(path) + 32;
+  auto write_in_place = [&] {
+    errno = 0;
+    FILE* out = fopen(path, "w");
+    if (out == nullptr) {
+      perror(path);
+      Exit_Run(1);
+    }
+    errno = 0;
+    const int error = Write_And_Close(out, whs, *count);
+    if (error != 0) Model_Write_Failed(path, error);
+  };
+  // The model normally goes to a file beside the one it replaces and is
+  // renamed over it only when complete, so that a failed write never
+  // destroys an older model; through a symbolic link, beside the file the
+  // link names. Anything that is not a plain file (a device, a pipe, a
+  // directory, a link to nothing yet) is opened and written as it stands,
+  // and opening a directory fails with the system's text for it.
+  struct stat st;
+  const bool exists = stat(path, &st) == 0;
+  char* target = path;
+  struct stat link;
+  if (lstat(path, &link) == 0 && S_ISLNK(link.st_mode)) target = realpath(path, nullptr);
+  if ((exists && !S_ISREG(st.st_mode)) || target == nullptr) {
+    write_in_place();
+    free(path);
+    return;
+  }
+  // A model that may not be written is refused as opening it would be,
+  // before anything is written.
+  if (exists) {
+    const int fd = open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+      perror(path);
+      Exit_Run(1);
+    }
+    close(fd);
+  }
+  size_t n = strlen(target) + 32;
   char* tmp = static_cast<char*>(Malloc(n));
-  snprintf(tmp, n, "%s.tmp.%ld", path, static_cast<long>(getpid()));
+  snprintf(tmp, n, "%s.tmp.%ld", target, static_cast<long>(getpid()));
   FILE* out = fopen(tmp, "w");
   if (out == nullptr) {
-    perror(path);
-    Exit_Run(1);
-  }
-  Write_Strong_Hypothesis_To(out, whs, *count);
-  bool failed = ferror(out) != 0;
-  int saved = errno;
-  if (fclose(out) != 0 && !failed) {
-    failed = true;
-    saved = errno;
-  }
-  if (!failed && rename(tmp, path) != 0) {
-    failed = true;
-    saved = errno;
-  }
-  if (failed) {
-    remove(tmp);
-    fprintf(stderr, "mhboost: %s: cannot write the model file: %s\n", path,
-            strerror(saved));
-    Exit_Run(1);
+    // Nothing can be made beside it (a directory that may not be written,
+    // a name too long with the suffix): write the model in place.
+    write_in_place();
+  } else {
+    // The new file keeps the permissions of the one it replaces.
+    if (exists) fchmod(fileno(out), st.st_mode & 07777);
+    errno = 0;
+    int error = Write_And_Close(out, whs, *count);
+    if (error == 0 && rename(tmp, target) != 0) error = errno;
+    if (error != 0) {
+      remove(tmp);
+      Model_Write_Failed(path, error);
+    }
   }
   free(tmp);
+  if (target != path) free(target);
   free(path);
 }
 
@@ -437,15 +487,15 @@ weak_hyp* ReadStrongHypothesis(int* count) {
                 token);
   if (declared < 0)
     Model_Error("malformed", "negative number of hypotheses: %s", token);
-  // Every hypothesis takes more than one byte, so a count above the file's
-  // size cannot be right (and must not size an allocation).
+  if (out_of_range || declared > 0x7fffffffL)
+    Model_Error("malformed", "number of hypotheses %s is out of range", token);
+  // Every hypothesis takes more than one byte, so with a count above the
+  // file's size the file ends before some weight: say so at once rather than
+  // size an allocation by the count.
   struct stat st;
-  bool regular = fstat(fileno(in), &st) == 0 && S_ISREG(st.st_mode);
-  if (out_of_range || declared > 0x7fffffffL ||
-      (regular && declared > static_cast<long>(st.st_size)))
-    Model_Error("malformed",
-                "number of hypotheses %s is larger than the file can hold",
-                token);
+  if (fstat(fileno(in), &st) == 0 && S_ISREG(st.st_mode) &&
+      declared > static_cast<long>(st.st_size))
+    EarlyEOF();
   int n = static_cast<int>(declared);
 
   weak_hyp* whs = Allocate_Weak_Hyp(n);
