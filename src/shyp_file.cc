@@ -294,7 +294,6 @@ void WriteStrongHypothesis(weak_hyp* whs, int* count, int /*ecoc_mode*/) {
   CompileStrongTextHypothesis(whs, count);
   char* path = Model_Path(Weak_File_Stem());
   auto write_in_place = [&] {
-    errno = 0;
     FILE* out = fopen(path, "w");
     if (out == nullptr) {
       perror(path);
